@@ -1,0 +1,195 @@
+#pragma once
+
+#include <expected>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/AutoMockable.hpp"
+#include "platform/Bytes.hpp"
+#include "platform/Date.hpp"
+#include "platform/DefaultsSuite.hpp"
+#include "platform/ImageCanvas.hpp"
+#include "platform/SystemLog.hpp"
+#include "platform/UrlSession.hpp"
+
+namespace vontu::platform {
+
+// A failed file or directory operation, with a text fit for a log line.
+struct FileError {
+    std::string localizedDescription;
+};
+
+// The pending run of a one-shot timer.
+class TimerHandle : public AutoMockable {
+public:
+    // Stops the timer if it has not fired; its callback then never runs. Safe from any thread.
+    virtual void invalidate() = 0;
+};
+
+// Notification authorisation, with the system's raw values.
+enum class AuthorizationStatus { notDetermined = 0, denied = 1, authorized = 2, provisional = 3,
+                                 ephemeral = 4 };
+
+// The operating system as the extension and the library see it: the one seam between this
+// system's code and the machine. Every call may come from any thread unless it says otherwise,
+// and no call throws: failures come back as values.
+//
+// Code reaches the process's Env through Env::current(). A host installs its implementation at
+// start; a test wraps it in an EnvWrapper and overrides the one call it wants to change.
+class Env : public AutoMockable {
+public:
+    static Env& current();
+    // Installs env as the process's Env (not owned; it must outlive every user).
+    static void setCurrent(Env* env);
+
+    // --- Clock
+    virtual Date now() = 0;
+
+    // --- Files. Paths are absolute; created files are 0600 and directories 0700.
+    virtual std::expected<Bytes, FileError> readFile(const std::filesystem::path& path) = 0;
+    // Writes through a temporary file in the same directory and a rename, so that readers see
+    // the old or the new contents, never a torn file.
+    virtual std::expected<void, FileError> writeFile(const std::filesystem::path& path,
+                                                     const Bytes& contents) = 0;
+    virtual std::expected<void, FileError> removeItem(const std::filesystem::path& path) = 0;
+    // Fails when the destination exists.
+    virtual std::expected<void, FileError> moveItem(const std::filesystem::path& from,
+                                                    const std::filesystem::path& to) = 0;
+    virtual std::expected<void, FileError> createDirectories(const std::filesystem::path& path) = 0;
+    virtual bool fileExists(const std::filesystem::path& path) = 0;
+
+    // --- Directories under the state root (created on demand; absent when that fails).
+    virtual std::optional<std::filesystem::path> appGroupContainer(const std::string& groupId) = 0;
+    // Application support and temporary directories of the running app (its bundle id).
+    virtual std::optional<std::filesystem::path> applicationSupportDirectory() = 0;
+    virtual std::optional<std::filesystem::path> temporaryDirectory() = 0;
+
+    // --- Defaults suites. Absent when the suite's store cannot be opened.
+    virtual std::shared_ptr<DefaultsSuite> defaultsSuite(const std::string& name) = 0;
+
+    // --- URL loading
+    virtual std::shared_ptr<UrlSession> newUrlSession(const UrlSessionConfiguration& config) = 0;
+    // The process's shared session (default configuration, no time-outs of its own).
+    virtual std::shared_ptr<UrlSession> sharedUrlSession() = 0;
+
+    // --- Threads and timers
+    // Runs the block on the main thread, after the blocks submitted before it. Never inline.
+    virtual void runOnMain(std::function<void()> block) = 0;
+    // Runs the block on a background thread of a shared pool. Never inline.
+    virtual void runInBackground(std::function<void()> block) = 0;
+    virtual bool isMainThread() = 0;
+    // A one-shot timer on the main thread: block runs there once after `seconds`.
+    virtual std::shared_ptr<TimerHandle> scheduleOnMain(double seconds,
+                                                        std::function<void()> block) = 0;
+
+    // --- System log: one message of the given subsystem, category and type.
+    virtual void writeLog(const std::string& subsystem, const std::string& category, LogType type,
+                          const std::string& message) = 0;
+
+    // --- Device and app
+    virtual std::string systemName() = 0;     // "iOS"
+    virtual std::string systemVersion() = 0;  // "17.0"
+    // True when the system version is at least major.minor.
+    bool systemVersionAtLeast(int major, int minor = 0);
+    virtual std::optional<std::string> machine() = 0;  // the uname machine
+    virtual std::optional<std::string> bundleIdentifier() = 0;
+    virtual std::optional<std::string> bundleInfoValue(const std::string& key) = 0;
+    virtual std::vector<std::string> preferredLanguages() = 0;
+    virtual std::string currentLocaleIdentifier() = 0;
+    // The answer arrives on a thread of the platform's choosing.
+    virtual void notificationAuthorizationStatus(
+        std::function<void(AuthorizationStatus)> completion) = 0;
+
+    // --- Application (deep links). False when no handler takes the URL.
+    virtual bool openUrl(const std::string& url) = 0;
+    virtual bool continueUserActivity(const std::string& webpageUrl) = 0;
+
+    // --- Drawing: a transparent canvas of width x height points at scale 1; absent when the
+    // drawing stack cannot be loaded.
+    virtual std::unique_ptr<ImageCanvas> newImageCanvas(int width, int height) = 0;
+};
+
+// Forwards every call to another Env; a test derives from it and overrides what it replaces.
+class EnvWrapper : public Env {
+public:
+    explicit EnvWrapper(Env& target) : target_(target) {}
+    Env& target() { return target_; }
+
+    Date now() override { return target_.now(); }
+    std::expected<Bytes, FileError> readFile(const std::filesystem::path& p) override {
+        return target_.readFile(p);
+    }
+    std::expected<void, FileError> writeFile(const std::filesystem::path& p,
+                                             const Bytes& c) override {
+        return target_.writeFile(p, c);
+    }
+    std::expected<void, FileError> removeItem(const std::filesystem::path& p) override {
+        return target_.removeItem(p);
+    }
+    std::expected<void, FileError> moveItem(const std::filesystem::path& f,
+                                            const std::filesystem::path& t) override {
+        return target_.moveItem(f, t);
+    }
+    std::expected<void, FileError> createDirectories(const std::filesystem::path& p) override {
+        return target_.createDirectories(p);
+    }
+    bool fileExists(const std::filesystem::path& p) override { return target_.fileExists(p); }
+    std::optional<std::filesystem::path> appGroupContainer(const std::string& g) override {
+        return target_.appGroupContainer(g);
+    }
+    std::optional<std::filesystem::path> applicationSupportDirectory() override {
+        return target_.applicationSupportDirectory();
+    }
+    std::optional<std::filesystem::path> temporaryDirectory() override {
+        return target_.temporaryDirectory();
+    }
+    std::shared_ptr<DefaultsSuite> defaultsSuite(const std::string& n) override {
+        return target_.defaultsSuite(n);
+    }
+    std::shared_ptr<UrlSession> newUrlSession(const UrlSessionConfiguration& c) override {
+        return target_.newUrlSession(c);
+    }
+    std::shared_ptr<UrlSession> sharedUrlSession() override { return target_.sharedUrlSession(); }
+    void runOnMain(std::function<void()> b) override { target_.runOnMain(std::move(b)); }
+    void runInBackground(std::function<void()> b) override {
+        target_.runInBackground(std::move(b));
+    }
+    bool isMainThread() override { return target_.isMainThread(); }
+    std::shared_ptr<TimerHandle> scheduleOnMain(double s, std::function<void()> b) override {
+        return target_.scheduleOnMain(s, std::move(b));
+    }
+    void writeLog(const std::string& s, const std::string& c, LogType t,
+                  const std::string& m) override {
+        target_.writeLog(s, c, t, m);
+    }
+    std::string systemName() override { return target_.systemName(); }
+    std::string systemVersion() override { return target_.systemVersion(); }
+    std::optional<std::string> machine() override { return target_.machine(); }
+    std::optional<std::string> bundleIdentifier() override { return target_.bundleIdentifier(); }
+    std::optional<std::string> bundleInfoValue(const std::string& k) override {
+        return target_.bundleInfoValue(k);
+    }
+    std::vector<std::string> preferredLanguages() override {
+        return target_.preferredLanguages();
+    }
+    std::string currentLocaleIdentifier() override { return target_.currentLocaleIdentifier(); }
+    void notificationAuthorizationStatus(std::function<void(AuthorizationStatus)> c) override {
+        target_.notificationAuthorizationStatus(std::move(c));
+    }
+    bool openUrl(const std::string& u) override { return target_.openUrl(u); }
+    bool continueUserActivity(const std::string& u) override {
+        return target_.continueUserActivity(u);
+    }
+    std::unique_ptr<ImageCanvas> newImageCanvas(int w, int h) override {
+        return target_.newImageCanvas(w, h);
+    }
+
+private:
+    Env& target_;
+};
+
+}  // namespace vontu::platform

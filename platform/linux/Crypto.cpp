@@ -1,0 +1,73 @@
+#include "platform/Crypto.hpp"
+
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+#include <uuid/uuid.h>
+
+#include <cctype>
+
+namespace vontu::platform {
+
+std::array<std::uint8_t, 16> md5(std::string_view bytes) {
+    std::array<std::uint8_t, 16> digest{};
+    unsigned int length = 0;
+    EVP_Digest(bytes.data(), bytes.size(), digest.data(), &length, EVP_md5(), nullptr);
+    return digest;
+}
+
+std::string base64Encode(std::string_view bytes) {
+    std::string out(4 * ((bytes.size() + 2) / 3), '\0');
+    int written = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                                  reinterpret_cast<const unsigned char*>(bytes.data()),
+                                  static_cast<int>(bytes.size()));
+    out.resize(static_cast<std::size_t>(written));
+    return out;
+}
+
+std::string base64Encode(const Bytes& bytes) {
+    return base64Encode(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+}
+
+std::optional<Bytes> base64Decode(std::string_view text) {
+    // EVP_DecodeBlock accepts no line breaks and reports padding only through its length, so
+    // validate the shape first and strip the padding's bytes afterwards.
+    if (text.size() % 4 != 0) return std::nullopt;
+    std::size_t padding = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        unsigned char c = static_cast<unsigned char>(text[i]);
+        bool isPad = c == '=';
+        if (isPad) {
+            if (i + 2 < text.size()) return std::nullopt;
+            ++padding;
+        } else if (padding > 0 || !(std::isalnum(c) || c == '+' || c == '/')) {
+            return std::nullopt;
+        }
+    }
+    Bytes out(3 * text.size() / 4);
+    int written = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(text.data()),
+                                  static_cast<int>(text.size()));
+    if (written < 0) return std::nullopt;
+    out.resize(static_cast<std::size_t>(written) - padding);
+    return out;
+}
+
+std::string newUuidString() {
+    uuid_t uuid;
+    uuid_generate_random(uuid);
+    char text[37];
+    uuid_unparse_upper(uuid, text);
+    return text;
+}
+
+std::uint32_t randomBelow(std::uint32_t bound) {
+    if (bound <= 1) return 0;
+    // Rejection sampling keeps the result uniform.
+    const std::uint32_t limit = UINT32_MAX - UINT32_MAX % bound;
+    std::uint32_t value = 0;
+    do {
+        RAND_bytes(reinterpret_cast<unsigned char*>(&value), sizeof value);
+    } while (value >= limit);
+    return value % bound;
+}
+
+}  // namespace vontu::platform

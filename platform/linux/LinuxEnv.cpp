@@ -1,0 +1,372 @@
+#include "platform/linux/LinuxEnv.hpp"
+
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+#include <asio/thread_pool.hpp>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fmt/format.h>
+#include <fstream>
+#include <thread>
+
+#include "platform/Crypto.hpp"
+#include "platform/linux/CairoImageCanvas.hpp"
+#include "platform/linux/CurlUrlSession.hpp"
+#include "platform/linux/SqliteDefaultsSuite.hpp"
+
+namespace vontu::platform::linux_host {
+
+namespace fs = std::filesystem;
+
+fs::path resolveHome(const fs::path& explicitHome) {
+    if (!explicitHome.empty()) return fs::absolute(explicitHome);
+    auto fromEnv = [](const char* name) -> std::string {
+        const char* value = std::getenv(name);
+        return value != nullptr ? value : "";
+    };
+    if (auto home = fromEnv("VONTU_HOME"); !home.empty()) return fs::absolute(home);
+    if (auto data = fromEnv("XDG_DATA_HOME"); !data.empty()) return fs::path(data) / "vontu";
+    return fs::path(fromEnv("HOME")) / ".local" / "share" / "vontu";
+}
+
+namespace {
+
+FileError fileError(const std::string& what, const fs::path& path, std::error_code ec) {
+    return FileError{fmt::format("{} \"{}\": {}", what, path.string(), ec.message())};
+}
+
+// Creates every missing directory of path with mode 0700.
+std::expected<void, FileError> makeDirectories(const fs::path& path) {
+    std::error_code ec;
+    if (fs::is_directory(path, ec)) return {};
+    if (path.has_parent_path() && path.parent_path() != path) {
+        if (auto made = makeDirectories(path.parent_path()); !made) return made;
+    }
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+        return std::unexpected(
+            fileError("Could not create the directory", path, {errno, std::generic_category()}));
+    }
+    if (!fs::is_directory(path, ec)) {
+        return std::unexpected(fileError("Not a directory", path, ec));
+    }
+    return {};
+}
+
+// The language list of the POSIX environment, as BCP 47 tags ("en_GB.UTF-8" -> "en-GB").
+std::string localeToTag(std::string locale, char separator) {
+    if (auto at = locale.find_first_of(".@"); at != std::string::npos) locale.resize(at);
+    for (char& c : locale) {
+        if (c == '_' || c == '-') c = separator;
+    }
+    return locale;
+}
+
+bool isPortableLocale(const std::string& name) {
+    return name.empty() || name == "C" || name == "POSIX" || name.starts_with("C.");
+}
+
+std::string firstEnv(std::initializer_list<const char*> names) {
+    for (const char* name : names) {
+        const char* value = std::getenv(name);
+        if (value != nullptr && *value != '\0') return value;
+    }
+    return {};
+}
+
+class AsioTimerHandle final : public TimerHandle,
+                              public std::enable_shared_from_this<AsioTimerHandle> {
+public:
+    explicit AsioTimerHandle(asio::io_context& context) : timer_(context) {}
+    asio::steady_timer& timer() { return timer_; }
+    bool isInvalidated() const { return invalidated_.load(); }
+
+    void invalidate() override {
+        invalidated_.store(true);
+        // The timer object belongs to the main thread; it is cancelled there.
+        asio::post(timer_.get_executor(), [weak = weak_from_this()] {
+            if (auto handle = weak.lock()) handle->timer_.cancel();
+        });
+    }
+
+private:
+    asio::steady_timer timer_;
+    std::atomic<bool> invalidated_{false};
+};
+
+}  // namespace
+
+struct LinuxEnv::Loop {
+    asio::io_context main{1};
+    asio::executor_work_guard<asio::io_context::executor_type> keepAlive =
+        asio::make_work_guard(main);
+    std::atomic<std::thread::id> mainThreadId{};
+    // The pool starts on first use: most pushes never need it.
+    std::once_flag poolStarted;
+    std::unique_ptr<asio::thread_pool> pool;
+
+    asio::thread_pool& background() {
+        std::call_once(poolStarted, [this] { pool = std::make_unique<asio::thread_pool>(2); });
+        return *pool;
+    }
+};
+
+LinuxEnv::LinuxEnv(HostSettings settings)
+    : settings_(std::move(settings)), home_(resolveHome(settings_.home)),
+      loop_(std::make_unique<Loop>()) {}
+
+LinuxEnv::~LinuxEnv() {
+    {
+        std::lock_guard lock(sharedSessionMutex_);
+        if (sharedSession_) sharedSession_->invalidateAndCancel();
+        sharedSession_.reset();
+    }
+    if (loop_->pool) loop_->pool->join();
+    loop_->main.stop();
+}
+
+void LinuxEnv::runMainLoop() {
+    loop_->mainThreadId.store(std::this_thread::get_id());
+    loop_->main.restart();
+    loop_->main.run();
+}
+
+void LinuxEnv::stopMainLoop() { loop_->main.stop(); }
+
+Date LinuxEnv::now() {
+    using namespace std::chrono;
+    auto since = system_clock::now().time_since_epoch();
+    return Date{duration<double>(since).count()};
+}
+
+std::expected<Bytes, FileError> LinuxEnv::readFile(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        return std::unexpected(
+            fileError("Could not read the file", path, {errno, std::generic_category()}));
+    }
+    Bytes contents((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (in.bad()) {
+        return std::unexpected(fileError("Could not read the file", path, {EIO, std::generic_category()}));
+    }
+    return contents;
+}
+
+std::expected<void, FileError> LinuxEnv::writeFile(const fs::path& path, const Bytes& contents) {
+    const fs::path temporary =
+        path.parent_path() / fmt::format(".{}.{}.tmp", path.filename().string(), newUuidString());
+    std::FILE* file = std::fopen(temporary.c_str(), "wbx");
+    if (file == nullptr) {
+        return std::unexpected(
+            fileError("Could not write the file", path, {errno, std::generic_category()}));
+    }
+    ::fchmod(::fileno(file), 0600);
+    bool written = std::fwrite(contents.data(), 1, contents.size(), file) == contents.size();
+    written = std::fflush(file) == 0 && written;
+    written = ::fsync(::fileno(file)) == 0 && written;
+    int savedErrno = errno;
+    written = std::fclose(file) == 0 && written;
+    if (!written || std::rename(temporary.c_str(), path.c_str()) != 0) {
+        if (written) savedErrno = errno;
+        std::remove(temporary.c_str());
+        return std::unexpected(
+            fileError("Could not write the file", path, {savedErrno, std::generic_category()}));
+    }
+    return {};
+}
+
+std::expected<void, FileError> LinuxEnv::removeItem(const fs::path& path) {
+    std::error_code ec;
+    if (fs::remove_all(path, ec) == 0 || ec) {
+        if (!ec) ec = std::make_error_code(std::errc::no_such_file_or_directory);
+        return std::unexpected(fileError("Could not remove", path, ec));
+    }
+    return {};
+}
+
+std::expected<void, FileError> LinuxEnv::moveItem(const fs::path& from, const fs::path& to) {
+    // renameat2 with RENAME_NOREPLACE would be atomic; link + unlink gives the same guarantee
+    // on every file system that supports hard links, and fails cleanly where the target exists.
+    if (::link(from.c_str(), to.c_str()) != 0) {
+        return std::unexpected(fileError("Could not move the file to", to, {errno, std::generic_category()}));
+    }
+    ::unlink(from.c_str());
+    return {};
+}
+
+std::expected<void, FileError> LinuxEnv::createDirectories(const fs::path& path) {
+    return makeDirectories(path);
+}
+
+bool LinuxEnv::fileExists(const fs::path& path) {
+    std::error_code ec;
+    return fs::exists(path, ec);
+}
+
+std::optional<fs::path> LinuxEnv::directoryUnderHome(const fs::path& relative) {
+    fs::path directory = home_ / relative;
+    if (!makeDirectories(directory)) return std::nullopt;
+    return directory;
+}
+
+std::optional<fs::path> LinuxEnv::appGroupContainer(const std::string& groupId) {
+    if (groupId.empty() || groupId.find('/') != std::string::npos || groupId == "." ||
+        groupId == "..") {
+        return std::nullopt;
+    }
+    return directoryUnderHome(fs::path("groups") / groupId);
+}
+
+std::optional<fs::path> LinuxEnv::applicationSupportDirectory() {
+    return directoryUnderHome(fs::path("apps") / settings_.bundleIdentifier / "support");
+}
+
+std::optional<fs::path> LinuxEnv::temporaryDirectory() {
+    return directoryUnderHome(fs::path("apps") / settings_.bundleIdentifier / "tmp");
+}
+
+std::shared_ptr<DefaultsSuite> LinuxEnv::defaultsSuite(const std::string& name) {
+    if (name.empty() || name.find('/') != std::string::npos ||
+        name.find('\0') != std::string::npos || name == "." || name == "..") {
+        return nullptr;
+    }
+    std::lock_guard lock(suitesMutex_);
+    for (auto& [openName, suite] : openSuites_) {
+        if (openName == name) {
+            if (auto open = suite.lock()) return open;
+        }
+    }
+    auto preferences = directoryUnderHome("preferences");
+    if (!preferences) return nullptr;
+    auto suite = openSqliteDefaultsSuite(*preferences / (name + ".sqlite"));
+    if (suite) openSuites_.emplace_back(name, suite);
+    return suite;
+}
+
+std::shared_ptr<UrlSession> LinuxEnv::newUrlSession(const UrlSessionConfiguration& config) {
+    auto downloads = temporaryDirectory().value_or(fs::temp_directory_path());
+    return makeCurlUrlSession(config, settings_.network, downloads / "downloads");
+}
+
+std::shared_ptr<UrlSession> LinuxEnv::sharedUrlSession() {
+    std::lock_guard lock(sharedSessionMutex_);
+    if (!sharedSession_) sharedSession_ = newUrlSession(UrlSessionConfiguration{});
+    return sharedSession_;
+}
+
+void LinuxEnv::runOnMain(std::function<void()> block) {
+    asio::post(loop_->main, std::move(block));
+}
+
+void LinuxEnv::runInBackground(std::function<void()> block) {
+    asio::post(loop_->background(), std::move(block));
+}
+
+bool LinuxEnv::isMainThread() {
+    return loop_->mainThreadId.load() == std::this_thread::get_id();
+}
+
+std::shared_ptr<TimerHandle> LinuxEnv::scheduleOnMain(double seconds,
+                                                      std::function<void()> block) {
+    auto handle = std::make_shared<AsioTimerHandle>(loop_->main);
+    auto delay = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(seconds > 0 ? seconds : 0));
+    // Arming happens on the main thread too, so the timer object is touched by one thread.
+    asio::post(loop_->main, [handle, delay, block = std::move(block)]() mutable {
+        if (handle->isInvalidated()) return;
+        handle->timer().expires_after(delay);
+        handle->timer().async_wait([handle, block = std::move(block)](const std::error_code& ec) {
+            if (ec || handle->isInvalidated()) return;
+            block();
+        });
+    });
+    return handle;
+}
+
+void LinuxEnv::writeLog(const std::string& subsystem, const std::string& category, LogType type,
+                        const std::string& message) {
+    using namespace std::chrono;
+    auto now = system_clock::now();
+    auto millis = duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000;
+    std::time_t seconds = system_clock::to_time_t(now);
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &utc);
+    std::string line = fmt::format("{}.{:03d}Z {}[{}] {}: {}\n", stamp, millis, subsystem, category,
+                                   logTypeName(type), message);
+    // One write call per line keeps lines of concurrent threads and processes whole.
+    std::fwrite(line.data(), 1, line.size(), stderr);
+}
+
+std::string LinuxEnv::systemName() { return "iOS"; }
+
+std::string LinuxEnv::systemVersion() { return settings_.systemVersion; }
+
+std::optional<std::string> LinuxEnv::machine() {
+    struct utsname names {};
+    if (::uname(&names) != 0) return std::nullopt;
+    return std::string(names.machine);
+}
+
+std::optional<std::string> LinuxEnv::bundleIdentifier() {
+    if (settings_.bundleIdentifier.empty()) return std::nullopt;
+    return settings_.bundleIdentifier;
+}
+
+std::optional<std::string> LinuxEnv::bundleInfoValue(const std::string& key) {
+    if (key == "CFBundleIdentifier") return bundleIdentifier();
+    if (key == "CFBundleName") return settings_.bundleName;
+    if (key == "CFBundleShortVersionString") return settings_.bundleShortVersion;
+    return std::nullopt;
+}
+
+std::vector<std::string> LinuxEnv::preferredLanguages() {
+    std::vector<std::string> languages;
+    std::string list = firstEnv({"LANGUAGE"});
+    for (std::size_t start = 0; start <= list.size() && !list.empty();) {
+        auto end = list.find(':', start);
+        std::string item = list.substr(start, end == std::string::npos ? end : end - start);
+        if (!isPortableLocale(item)) languages.push_back(localeToTag(item, '-'));
+        if (end == std::string::npos) break;
+        start = end + 1;
+    }
+    if (languages.empty()) {
+        std::string locale = firstEnv({"LC_ALL", "LC_MESSAGES", "LANG"});
+        if (!isPortableLocale(locale)) languages.push_back(localeToTag(locale, '-'));
+    }
+    return languages;
+}
+
+std::string LinuxEnv::currentLocaleIdentifier() {
+    std::string locale = firstEnv({"LC_ALL", "LC_MESSAGES", "LANG"});
+    return isPortableLocale(locale) ? "en_US" : localeToTag(locale, '_');
+}
+
+void LinuxEnv::notificationAuthorizationStatus(
+    std::function<void(AuthorizationStatus)> completion) {
+    runInBackground([status = settings_.authorization, completion = std::move(completion)] {
+        completion(status);
+    });
+}
+
+bool LinuxEnv::openUrl(const std::string& url) {
+    return settings_.openUrl ? settings_.openUrl(url) : false;
+}
+
+bool LinuxEnv::continueUserActivity(const std::string& webpageUrl) {
+    return settings_.continueUserActivity ? settings_.continueUserActivity(webpageUrl) : false;
+}
+
+std::unique_ptr<ImageCanvas> LinuxEnv::newImageCanvas(int width, int height) {
+    return makeCairoImageCanvas(width, height);
+}
+
+}  // namespace vontu::platform::linux_host
