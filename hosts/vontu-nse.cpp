@@ -1,0 +1,198 @@
+// vontu-nse: plays the operating system for the notification service extension. It reads one
+// notification request, hands it to a new extension on a serial "extension queue" while the
+// main thread runs the main loop, sends the expiry warning when its time comes, and prints the
+// first content delivered.
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <iostream>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "extension/NotificationService.hpp"
+#include "hosts/ExtensionQueue.hpp"
+#include "hosts/HostCommon.hpp"
+#include "platform/NotificationJson.hpp"
+
+namespace {
+
+using namespace vontu;
+using namespace vontu::extension;
+using nlohmann::json;
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kProgram = "vontu-nse";
+constexpr int kExitNothingDelivered = 3;
+
+struct Options {
+    platform::linux_host::HostSettings settings;
+    std::string input = "-";
+    std::string relayUrl;
+    double timeLimit = 30;
+    double warning = 2;
+    bool serve = false;
+};
+
+// True on the extension queue while it runs the expiry warning: a delivery made then came
+// from the warning.
+thread_local bool deliveringOnExpiry = false;
+
+// The first delivery of one request; later ones are ignored, as the system ignores them.
+class Delivery {
+public:
+    Delivery() : start_(Clock::now()) {}
+
+    void deliver(const platform::NotificationContent& content) {
+        std::lock_guard lock(mutex_);
+        if (content_) return;
+        content_ = content;
+        viaExpiry_ = deliveringOnExpiry;
+        elapsed_ = Clock::now() - start_;
+        delivered_.notify_all();
+    }
+
+    // Waits until a delivery or the deadline; the output line, or absent.
+    std::optional<json> waitUntil(Clock::time_point deadline) {
+        std::unique_lock lock(mutex_);
+        delivered_.wait_until(lock, deadline, [this] { return content_.has_value(); });
+        if (!content_) return std::nullopt;
+        return json{{"content", platform::toJson(*content_)},
+                    {"via", viaExpiry_ ? "expiry" : "handler"},
+                    {"elapsed_ms", std::chrono::duration_cast<std::chrono::milliseconds>(elapsed_).count()}};
+    }
+
+    Clock::duration sinceStart() const { return Clock::now() - start_; }
+
+private:
+    const Clock::time_point start_;
+    std::mutex mutex_;
+    std::condition_variable delivered_;
+    std::optional<platform::NotificationContent> content_;
+    bool viaExpiry_ = false;
+    Clock::duration elapsed_{};
+};
+
+// Runs one push through a new extension; returns the output line, or absent when nothing
+// was delivered within the time limit.
+std::optional<json> runPush(const platform::NotificationRequest& request, const Options& options,
+                            platform::Env& env, hosts::ExtensionQueue& extensionQueue) {
+    auto delivery = std::make_shared<Delivery>();
+    auto service = std::make_shared<NotificationService>(options.relayUrl);
+    ContentHandler handler = [delivery](const platform::NotificationContent& content) {
+        delivery->deliver(content);
+    };
+    extensionQueue.post([service, request, handler] {
+        service->didReceiveNotificationRequest(request, handler);
+    });
+    const double warningAt = std::max(0.0, options.timeLimit - options.warning);
+    auto warning = env.scheduleOnMain(warningAt, [service, &extensionQueue] {
+        extensionQueue.post([service] {
+            deliveringOnExpiry = true;
+            service->serviceExtensionTimeWillExpire();
+            deliveringOnExpiry = false;
+        });
+    });
+    auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                       std::chrono::duration<double>(options.timeLimit));
+    auto output = delivery->waitUntil(deadline);
+    warning->invalidate();
+    return output;
+}
+
+void printLine(const json& output) {
+    std::string line = output.dump() + "\n";
+    std::fwrite(line.data(), 1, line.size(), stdout);
+    std::fflush(stdout);
+}
+
+// Reads one request a line and answers one output a line, reusing this process for each.
+void serve(const Options& options, platform::Env& env, hosts::ExtensionQueue& queue) {
+    std::string line;
+    while (std::getline(std::cin, line)) {
+        if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+        auto parsed = json::parse(line, nullptr, false);
+        auto request = parsed.is_discarded()
+                           ? std::unexpected(std::string("the line is not JSON"))
+                           : platform::requestFromJson(parsed);
+        if (!request) {
+            hosts::printError(kProgram, request.error());
+            printLine({{"error", request.error()}});
+            continue;
+        }
+        auto output = runPush(*request, options, env, queue);
+        printLine(output ? *output : json{{"error", "nothing delivered within the time limit"}});
+    }
+}
+
+int parseCommandLine(int argc, char** argv, Options& options) {
+    CLI::App app{"Runs the notification service extension on one push", kProgram};
+    options.settings.bundleIdentifier = "ios.vontu.NotificationService";
+    hosts::addPlatformOptions(app, options.settings);
+    app.add_option("--relay-url", options.relayUrl, "Mail relay server base URL");
+    app.add_option("--time-limit", options.timeLimit, "Seconds the system allows")
+        ->check(CLI::PositiveNumber);
+    app.add_option("--warning", options.warning, "Seconds before the limit of the expiry warning")
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("--bundle-id", options.settings.bundleIdentifier, "Bundle id of the extension");
+    app.add_flag("--serve", options.serve, "Read one request a line from standard input");
+    app.add_option("input", options.input, "Request file, or - for standard input");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError& error) {
+        hosts::printError(kProgram, error.what());
+        return hosts::kExitBadInput;
+    }
+    if (options.relayUrl.empty()) {
+        const char* fromEnv = std::getenv("VONTU_RELAY_URL");
+        options.relayUrl = fromEnv != nullptr && *fromEnv != '\0' ? fromEnv : VONTU_RELAY_URL;
+    }
+    return -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    if (int exitCode = parseCommandLine(argc, argv, options); exitCode >= 0) return exitCode;
+
+    // Bad input is refused before the platform starts: nothing is delivered or stored.
+    std::optional<platform::NotificationRequest> request;
+    if (!options.serve) {
+        auto json = hosts::readJsonInput(options.input);
+        auto parsed = json ? platform::requestFromJson(*json)
+                           : std::expected<platform::NotificationRequest, std::string>(
+                                 std::unexpected(json.error()));
+        if (!parsed) {
+            hosts::printError(kProgram, parsed.error());
+            return hosts::kExitBadInput;
+        }
+        request = std::move(*parsed);
+    }
+
+    platform::linux_host::LinuxEnv env(options.settings);
+    platform::Env::setCurrent(&env);
+    int exitCode = 0;
+    {
+        hosts::ExtensionQueue extensionQueue;
+        std::thread controller([&] {
+            if (options.serve) {
+                serve(options, env, extensionQueue);
+            } else if (auto output = runPush(*request, options, env, extensionQueue)) {
+                printLine(*output);
+            } else {
+                hosts::printError(kProgram, "nothing was delivered within the time limit");
+                exitCode = kExitNothingDelivered;
+            }
+            env.stopMainLoop();
+        });
+        env.runMainLoop();
+        controller.join();
+        extensionQueue.stop();
+    }
+    return exitCode;
+}

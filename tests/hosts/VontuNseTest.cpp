@@ -1,0 +1,162 @@
+// vontu-nse run as a process, as the system runs the extension.
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <mutex>
+#include <nlohmann/json.hpp>
+
+#include "tests/support/LoopbackServer.hpp"
+#include "tests/support/Process.hpp"
+#include "tests/support/TempDir.hpp"
+
+namespace vontu {
+namespace {
+
+using nlohmann::json;
+
+class VontuNse : public ::testing::Test {
+protected:
+    testing::ProcessResult nse(std::vector<std::string> args, const std::string& input = {}) {
+        args.insert(args.begin(), {"--home", home_.path().string()});
+        return testing::runProcess(testing::builtProgram("hosts/vontu-nse"), args, input);
+    }
+    testing::ProcessResult defaults(std::vector<std::string> args) {
+        args.insert(args.begin(), {"--home", home_.path().string()});
+        return testing::runProcess(testing::builtProgram("hosts/vontu-defaults"), args);
+    }
+    std::vector<std::string> relayArgs() {
+        return {"--relay-url", "http://relay.test", "--connect-to",
+                relay_.connectTo("relay.test", 9001)};
+    }
+    static json output(const testing::ProcessResult& result) {
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        return json::parse(result.out, nullptr, false);
+    }
+    static std::string readReceipt(const std::string& reader) {
+        return json{{"aps", {{"category", "ReadNotif"}, {"md5", "m1"}, {"read_by", reader},
+                             {"alert", {{"title", "T"}, {"body", "B"}}}}}}
+            .dump();
+    }
+    static std::string newMail() {
+        return json{{"aps", {{"category", "NewMail"}, {"session", "acct"},
+                             {"from", "Jane Doe <jane@example.com>"}, {"participants", ""},
+                             {"token", "tok"}, {"uid", "7"},
+                             {"alert", {{"title", "Jane Doe"}, {"body", "Hi"}}}}}}
+            .dump();
+    }
+
+    testing::TempDir home_;
+    testing::LoopbackServer relay_;
+};
+
+TEST_F(VontuNse, AnswersAReadReceiptFromARecordTheMainAppWrote) {
+    auto written = defaults({"write", "group.ios.vontu", "Track_m1",
+                             R"({"title": "Read!", "body": "fallback",
+                                 "read_by": {"bob@x": "Bob read it", "eve@x": "Eve read it"}})"});
+    ASSERT_EQ(written.exitCode, 0) << written.err;
+
+    auto result = output(nse({"-"}, readReceipt("bob@x")));
+    EXPECT_EQ(result["via"], "handler");
+    EXPECT_EQ(result["content"]["title"], "Read!");
+    EXPECT_EQ(result["content"]["body"], "Bob read it");
+    EXPECT_EQ(result["content"]["categoryIdentifier"], "ReadNotif");
+
+    auto left = defaults({"read", "group.ios.vontu", "Track_m1"});
+    EXPECT_EQ(json::parse(left.out)["read_by"], (json{{"eve@x", "Eve read it"}}));
+}
+
+TEST_F(VontuNse, DeliversNewMailAfterTheRelayAnswered) {
+    relay_.server().Post("/post/eml", [](const httplib::Request&, httplib::Response& res) {
+        res.set_content(R"({"<7@x>": "raw source"})", "application/json");
+    });
+    auto args = relayArgs();
+    args.push_back("-");
+    auto result = output(nse(args, newMail()));
+    EXPECT_EQ(result["via"], "handler");
+    EXPECT_EQ(result["content"]["sound"], (json{{"named", "notif.aiff"}}));
+    EXPECT_EQ(result["content"]["communication"]["sender"]["handle"]["value"],
+              "jane@example.com");
+    auto stored = defaults({"read", "group.ios.vontu", "EML_acct_<7@x>"});
+    EXPECT_EQ(json::parse(stored.out, nullptr, false), (json{{"eml", "raw source"}}));
+}
+
+TEST_F(VontuNse, ARelayThatNeverAnswersIsDeliveredByTheExpiryWarning) {
+    static std::mutex release;  // outlives the server's handler threads
+    std::unique_lock hold(release);
+    relay_.server().Post("/post/eml", [](const httplib::Request&, httplib::Response& res) {
+        std::lock_guard wait(release);  // stalls until the test ends
+        res.set_content("{}", "application/json");
+    });
+    auto args = relayArgs();
+    args.insert(args.end(), {"--time-limit", "3", "--warning", "1", "-"});
+    auto result = output(nse(args, newMail()));
+    EXPECT_EQ(result["via"], "expiry");
+    EXPECT_GE(result["elapsed_ms"].get<double>(), 1500);
+    EXPECT_TRUE(result["content"]["communication"].is_object());
+    hold.unlock();
+}
+
+TEST_F(VontuNse, OnSystem12TheSenderIsNotAddedButTheMailPathRuns) {
+    relay_.server().Post("/post/eml", [](const httplib::Request&, httplib::Response& res) {
+        res.set_content(R"({"k": "v"})", "application/json");
+    });
+    auto args = relayArgs();
+    args.insert(args.end(), {"--system-version", "12.0", "-"});
+    auto result = output(nse(args, newMail()));
+    EXPECT_TRUE(result["content"]["communication"].is_null());
+    EXPECT_EQ(result["content"]["sound"], (json{{"named", "notif.aiff"}}));
+}
+
+TEST_F(VontuNse, ReadsARequestFileInTheRequestForm) {
+    testing::TempDir files;
+    auto file = files.path() / "request.json";
+    std::ofstream(file) << json{{"identifier", "r-1"},
+                                {"content", {{"title", "T"}, {"body", "B"},
+                                             {"categoryIdentifier", "ReadNotif"},
+                                             {"userInfo", {{"aps", {{"category", "ReadNotif"},
+                                                                    {"md5", "none"}}}}}}}}
+                               .dump();
+    auto result = output(nse({file.string()}));
+    EXPECT_EQ(result["content"]["title"], "T");
+    EXPECT_EQ(result["content"]["body"], "B");
+}
+
+TEST_F(VontuNse, RefusesInputItCannotReadWithExit2) {
+    testing::TempDir files;
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"-"}, "not json"},
+        {{"-"}, "[1, 2]"},
+        {{"-"}, R"({"neither": true})"},
+        {{"-"}, R"({"content": {"title": 5}})"},
+        {{(files.path() / "missing.json").string()}, ""},
+        {{"--time-limit", "soon", "-"}, "{}"},
+        {{"--connect-to", "nonsense", "-"}, "{}"},
+    };
+    for (const auto& [args, input] : cases) {
+        auto result = nse(args, input);
+        EXPECT_EQ(result.exitCode, 2) << input;
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    }
+    // Nothing was stored: the state root has no defaults.
+    EXPECT_FALSE(std::filesystem::exists(home_.path() / "preferences"));
+}
+
+TEST_F(VontuNse, ServeAnswersOneLinePerRequestInOneProcess) {
+    defaults({"write", "group.ios.vontu", "Track_m1",
+              R"({"title": "Read!", "body": "fallback", "read_by": {"bob@x": "Bob"}})"});
+    auto result = nse({"--serve"}, readReceipt("bob@x") + "\n" + "garbage\n" + readReceipt("bob@x") + "\n");
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    std::vector<json> lines;
+    std::istringstream out(result.out);
+    for (std::string line; std::getline(out, line);) lines.push_back(json::parse(line));
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0]["content"]["body"], "Bob");
+    EXPECT_TRUE(lines[1].contains("error"));
+    // The first push removed the record; the second sees the pushed texts.
+    EXPECT_EQ(lines[2]["content"]["body"], "B");
+}
+
+}  // namespace
+}  // namespace vontu
