@@ -18,7 +18,9 @@ target_link_libraries(asio INTERFACE Threads::Threads)
 
 if(VONTU_TESTS)
   find_package(GTest REQUIRED)
-  find_path(HTTPLIB_INCLUDE_DIR httplib.h REQUIRED)
+  # Debian's cpp-httplib is a compiled library whose class layouts depend on the definitions
+  # its pkg-config file gives (TLS, compression): every test must use the same ones.
+  pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 endif()
 if(VONTU_BENCH)
   find_package(benchmark REQUIRED)

@@ -238,15 +238,11 @@ std::shared_ptr<DefaultsSuite> LinuxEnv::defaultsSuite(const std::string& name) 
         return nullptr;
     }
     std::lock_guard lock(suitesMutex_);
-    for (auto& [openName, suite] : openSuites_) {
-        if (openName == name) {
-            if (auto open = suite.lock()) return open;
-        }
-    }
+    if (auto open = openSuites_.find(name); open != openSuites_.end()) return open->second;
     auto preferences = directoryUnderHome("preferences");
     if (!preferences) return nullptr;
     auto suite = openSqliteDefaultsSuite(*preferences / (name + ".sqlite"));
-    if (suite) openSuites_.emplace_back(name, suite);
+    if (suite) openSuites_.emplace(name, suite);
     return suite;
 }
 

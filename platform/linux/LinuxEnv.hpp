@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -95,7 +96,9 @@ private:
     std::filesystem::path home_;
     std::unique_ptr<Loop> loop_;
     std::mutex suitesMutex_;
-    std::vector<std::pair<std::string, std::weak_ptr<DefaultsSuite>>> openSuites_;
+    // Suites stay open for the life of the process: reopening a database costs more than
+    // keeping its connection.
+    std::map<std::string, std::shared_ptr<DefaultsSuite>> openSuites_;
     std::mutex sharedSessionMutex_;
     std::shared_ptr<UrlSession> sharedSession_;
 };
