@@ -1,5 +1,6 @@
 #include "platform/linux/LinuxEnv.hpp"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -25,17 +26,6 @@
 namespace vontu::platform::linux_host {
 
 namespace fs = std::filesystem;
-
-fs::path resolveHome(const fs::path& explicitHome) {
-    if (!explicitHome.empty()) return fs::absolute(explicitHome);
-    auto fromEnv = [](const char* name) -> std::string {
-        const char* value = std::getenv(name);
-        return value != nullptr ? value : "";
-    };
-    if (auto home = fromEnv("VONTU_HOME"); !home.empty()) return fs::absolute(home);
-    if (auto data = fromEnv("XDG_DATA_HOME"); !data.empty()) return fs::path(data) / "vontu";
-    return fs::path(fromEnv("HOME")) / ".local" / "share" / "vontu";
-}
 
 namespace {
 
@@ -147,15 +137,33 @@ Date LinuxEnv::now() {
 }
 
 std::expected<Bytes, FileError> LinuxEnv::readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        return std::unexpected(
-            fileError("Could not read the file", path, {errno, std::generic_category()}));
+    const auto failure = [&path](int error) {
+        return std::unexpected(fileError("Could not read the file", path, {error, std::generic_category()}));
+    };
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return failure(errno);
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        int error = S_ISDIR(info.st_mode) ? EISDIR : errno;
+        ::close(fd);
+        return failure(error);
     }
-    Bytes contents((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad()) {
-        return std::unexpected(fileError("Could not read the file", path, {EIO, std::generic_category()}));
+    Bytes contents(static_cast<std::size_t>(info.st_size));
+    std::size_t filled = 0;
+    while (true) {
+        if (filled == contents.size()) contents.resize(contents.size() + 4096);
+        ssize_t n = ::read(fd, contents.data() + filled, contents.size() - filled);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            int error = errno;
+            ::close(fd);
+            return failure(error);
+        }
+        if (n == 0) break;
+        filled += static_cast<std::size_t>(n);
     }
+    ::close(fd);
+    contents.resize(filled);
     return contents;
 }
 

@@ -11,6 +11,7 @@
 
 #include "platform/Env.hpp"
 #include "platform/linux/NetworkOptions.hpp"
+#include "platform/linux/StateRoot.hpp"
 
 namespace vontu::platform::linux_host {
 
@@ -30,8 +31,6 @@ struct HostSettings {
     std::function<bool(const std::string&)> continueUserActivity;
 };
 
-// Resolves the state root as the hosts document it.
-std::filesystem::path resolveHome(const std::filesystem::path& explicitHome);
 
 // The Linux implementation of the platform: SQLite defaults, libcurl sessions, an asio main
 // loop with a background pool, standard error as the system log, cairo drawing.

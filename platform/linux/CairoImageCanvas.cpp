@@ -1,0 +1,198 @@
+// The drawing module: an ImageCanvas on a cairo image surface, with text laid out by pango.
+// Built as a loadable module of its own; its one export is the factory at the end.
+
+#include <cairo.h>
+#include <pango/pangocairo.h>
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <new>
+#include <numbers>
+#include <type_traits>
+
+#include "platform/ImageCanvas.hpp"
+#include "platform/linux/DrawingLoader.hpp"
+
+namespace vontu::platform::linux_host {
+
+namespace {
+
+// The family drawn in place of the system font; fontconfig substitutes a similar one when it
+// is not installed.
+constexpr const char* kFontFamily = "Inter";
+
+struct SurfaceDeleter {
+    void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
+};
+struct ContextDeleter {
+    void operator()(cairo_t* context) const { cairo_destroy(context); }
+};
+struct GObjectDeleter {
+    void operator()(void* object) const { g_object_unref(object); }
+};
+struct FontDescriptionDeleter {
+    void operator()(PangoFontDescription* description) const {
+        pango_font_description_free(description);
+    }
+};
+struct FontMetricsDeleter {
+    void operator()(PangoFontMetrics* metrics) const { pango_font_metrics_unref(metrics); }
+};
+
+using FontDescriptionPtr = std::unique_ptr<PangoFontDescription, FontDescriptionDeleter>;
+
+PangoWeight pangoWeight(FontWeight weight) {
+    switch (weight) {
+        case FontWeight::regular: return PANGO_WEIGHT_NORMAL;
+        case FontWeight::medium: return PANGO_WEIGHT_MEDIUM;
+        case FontWeight::semibold: return PANGO_WEIGHT_SEMIBOLD;
+        case FontWeight::bold: return PANGO_WEIGHT_BOLD;
+    }
+    return PANGO_WEIGHT_NORMAL;
+}
+
+PangoAlignment pangoAlignment(TextAlignment alignment) {
+    switch (alignment) {
+        case TextAlignment::left: return PANGO_ALIGN_LEFT;
+        case TextAlignment::center: return PANGO_ALIGN_CENTER;
+        case TextAlignment::right: return PANGO_ALIGN_RIGHT;
+    }
+    return PANGO_ALIGN_LEFT;
+}
+
+int toPangoUnits(double points) { return static_cast<int>(std::lround(points * PANGO_SCALE)); }
+
+FontDescriptionPtr describe(const Font& font) {
+    FontDescriptionPtr description(pango_font_description_new());
+    pango_font_description_set_family(description.get(), kFontFamily);
+    pango_font_description_set_weight(description.get(), pangoWeight(font.weight));
+    // Sizes are in points of the canvas, which are its pixels: no DPI scaling.
+    pango_font_description_set_absolute_size(description.get(), font.size * PANGO_SCALE);
+    return description;
+}
+
+void setSource(cairo_t* context, const Rgba& color) {
+    cairo_set_source_rgba(context, color.red, color.green, color.blue, color.alpha);
+}
+
+cairo_status_t appendToBytes(void* closure, const unsigned char* data, unsigned int length) {
+    auto* bytes = static_cast<Bytes*>(closure);
+    bytes->insert(bytes->end(), data, data + length);
+    return CAIRO_STATUS_SUCCESS;
+}
+
+class CairoImageCanvas final : public ImageCanvas {
+public:
+    CairoImageCanvas(cairo_surface_t* surface, cairo_t* context, PangoContext* pango)
+        : surface_(surface), context_(context), pango_(pango) {}
+
+    void clipToRoundedRect(const Rect& rect, double cornerRadius) override {
+        cairo_t* cr = context_.get();
+        double radius = std::clamp(cornerRadius, 0.0, std::min(rect.width, rect.height) / 2);
+        double left = rect.x, top = rect.y;
+        double right = rect.x + rect.width, bottom = rect.y + rect.height;
+        constexpr double quarter = std::numbers::pi / 2;
+        cairo_new_path(cr);
+        cairo_new_sub_path(cr);
+        cairo_arc(cr, right - radius, top + radius, radius, -quarter, 0);
+        cairo_arc(cr, right - radius, bottom - radius, radius, 0, quarter);
+        cairo_arc(cr, left + radius, bottom - radius, radius, quarter, 2 * quarter);
+        cairo_arc(cr, left + radius, top + radius, radius, 2 * quarter, 3 * quarter);
+        cairo_close_path(cr);
+        cairo_clip(cr);
+    }
+
+    void fillRect(const Rect& rect, const Rgba& color) override {
+        cairo_t* cr = context_.get();
+        setSource(cr, color);
+        cairo_rectangle(cr, rect.x, rect.y, rect.width, rect.height);
+        cairo_fill(cr);
+    }
+
+    double lineHeight(const Font& font) override {
+        auto description = describe(font);
+        std::unique_ptr<PangoFontMetrics, FontMetricsDeleter> metrics(
+            pango_context_get_metrics(pango_.get(), description.get(), nullptr));
+        if (!metrics) return font.size;
+        int height = pango_font_metrics_get_ascent(metrics.get()) +
+                     pango_font_metrics_get_descent(metrics.get());
+        return static_cast<double>(height) / PANGO_SCALE;
+    }
+
+    void drawText(const std::string& text, const Rect& rect, const Font& font, const Rgba& color,
+                  TextAlignment alignment) override {
+        cairo_t* cr = context_.get();
+        std::unique_ptr<PangoLayout, GObjectDeleter> layout(pango_layout_new(pango_.get()));
+        auto description = describe(font);
+        pango_layout_set_font_description(layout.get(), description.get());
+        pango_layout_set_width(layout.get(), toPangoUnits(rect.width));
+        pango_layout_set_wrap(layout.get(), PANGO_WRAP_WORD_CHAR);
+        pango_layout_set_alignment(layout.get(), pangoAlignment(alignment));
+        pango_layout_set_text(layout.get(), text.data(), static_cast<int>(text.size()));
+
+        // Text stays inside its rectangle, as UIKit draws it.
+        cairo_save(cr);
+        cairo_rectangle(cr, rect.x, rect.y, rect.width, rect.height);
+        cairo_clip(cr);
+        setSource(cr, color);
+        cairo_move_to(cr, rect.x, rect.y);
+        pango_cairo_show_layout(cr, layout.get());
+        cairo_restore(cr);
+    }
+
+    std::optional<Bytes> pngRepresentation() override {
+        cairo_surface_flush(surface_.get());
+        Bytes png;
+        if (cairo_surface_write_to_png_stream(surface_.get(), appendToBytes, &png) !=
+            CAIRO_STATUS_SUCCESS) {
+            return std::nullopt;
+        }
+        return png;
+    }
+
+private:
+    std::unique_ptr<cairo_surface_t, SurfaceDeleter> surface_;
+    std::unique_ptr<cairo_t, ContextDeleter> context_;
+    std::unique_ptr<PangoContext, GObjectDeleter> pango_;
+};
+
+ImageCanvas* makeCanvas(int width, int height) {
+    if (width <= 0 || height <= 0) return nullptr;
+    // A new image surface is cleared to transparent black.
+    std::unique_ptr<cairo_surface_t, SurfaceDeleter> surface(
+        cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height));
+    if (cairo_surface_status(surface.get()) != CAIRO_STATUS_SUCCESS) return nullptr;
+    std::unique_ptr<cairo_t, ContextDeleter> context(cairo_create(surface.get()));
+    if (cairo_status(context.get()) != CAIRO_STATUS_SUCCESS) return nullptr;
+    std::unique_ptr<PangoContext, GObjectDeleter> pango(pango_cairo_create_context(context.get()));
+    if (!pango) return nullptr;
+
+    // Unhinted metrics keep line heights and glyph advances at their design values, as UIKit
+    // reports them, rather than rounded to whole pixels.
+    std::unique_ptr<cairo_font_options_t, decltype(&cairo_font_options_destroy)> options(
+        cairo_font_options_create(), &cairo_font_options_destroy);
+    cairo_font_options_set_hint_metrics(options.get(), CAIRO_HINT_METRICS_OFF);
+    // Grey-scale edges: sub-pixel colour fringes would be wrong in a picture shown at any size.
+    cairo_font_options_set_antialias(options.get(), CAIRO_ANTIALIAS_GRAY);
+    pango_cairo_context_set_font_options(pango.get(), options.get());
+
+    auto* canvas = new (std::nothrow)
+        CairoImageCanvas(surface.get(), context.get(), pango.get());
+    if (canvas == nullptr) return nullptr;
+    surface.release();
+    context.release();
+    pango.release();
+    return canvas;
+}
+
+}  // namespace
+
+}  // namespace vontu::platform::linux_host
+
+extern "C" __attribute__((visibility("default"))) vontu::platform::ImageCanvas*
+vontu_drawing_make_image_canvas(int width, int height) {
+    static_assert(std::is_same_v<decltype(&vontu_drawing_make_image_canvas),
+                                 vontu::platform::linux_host::MakeImageCanvasFunction>);
+    return vontu::platform::linux_host::makeCanvas(width, height);
+}

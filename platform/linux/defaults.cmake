@@ -1,0 +1,2 @@
+add_library(vontu_defaults_sqlite STATIC SqliteDefaultsSuite.cpp)
+target_link_libraries(vontu_defaults_sqlite PUBLIC vontu_platform PRIVATE SQLite::SQLite3)

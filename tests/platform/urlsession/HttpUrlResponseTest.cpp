@@ -1,0 +1,58 @@
+#include <gtest/gtest.h>
+
+#include "platform/UrlSession.hpp"
+
+namespace vontu::platform {
+namespace {
+
+HttpUrlResponse responseWith(std::string url, std::vector<std::pair<std::string, std::string>> headers) {
+    HttpUrlResponse response;
+    response.url = std::move(url);
+    response.statusCode = 200;
+    response.headers = std::move(headers);
+    return response;
+}
+
+TEST(HttpUrlResponseTest, HeaderValueIgnoresCaseAndTakesTheFirst) {
+    const auto response = responseWith("http://h/", {{"Content-Type", "image/png"}, {"X-Twice", "1"}, {"x-twice", "2"}});
+    EXPECT_EQ(response.headerValue("content-type"), "image/png");
+    EXPECT_EQ(response.headerValue("X-TWICE"), "1");
+    EXPECT_EQ(response.headerValue("Content-Length"), std::nullopt);
+}
+
+struct FilenameCase {
+    const char* url;
+    const char* disposition;  // nullptr: no Content-Disposition header
+    std::optional<std::string> expected;
+};
+
+TEST(HttpUrlResponseTest, SuggestedFilename) {
+    const FilenameCase cases[] = {
+        {"https://cdn.example/img/photo.jpg?size=2#top", nullptr, "photo.jpg"},
+        {"https://cdn.example/img/a%20b%C3%A9.png", nullptr, "a b\xC3\xA9.png"},
+        {"https://cdn.example/img/100%zz.png", nullptr, "100%zz.png"},
+        {"https://cdn.example/img/dir/", nullptr, "dir"},
+        {"https://cdn.example/", nullptr, std::nullopt},
+        {"https://cdn.example", nullptr, std::nullopt},
+        {"https://cdn.example/a/..", nullptr, std::nullopt},
+        {"https://cdn.example/x", "attachment; filename=\"report 1.pdf\"", "report 1.pdf"},
+        {"https://cdn.example/x", "attachment; filename=plain.txt", "plain.txt"},
+        {"https://cdn.example/x", "inline; filename=\"a\\\"b;c.txt\"; size=3", "a\"b;c.txt"},
+        {"https://cdn.example/x", "attachment; filename=\"fallback.png\"; filename*=UTF-8''na%C3%AFve%20file.png",
+         "na\xC3\xAFve file.png"},
+        {"https://cdn.example/x", "attachment; FILENAME*=iso-8859-1'en'caf%E9.txt", "caf\xC3\xA9.txt"},
+        {"https://cdn.example/x", "attachment; filename*=KOI8-R''x.txt; filename=\"y.txt\"", "y.txt"},
+        {"https://cdn.example/from-url.gif", "attachment", "from-url.gif"},
+        {"https://cdn.example/from-url.gif", "attachment; filename=\"\"", "from-url.gif"},
+        {"https://cdn.example/x", "attachment; filename=\"../../etc/passwd\"", "../../etc/passwd"},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::pair<std::string, std::string>> headers;
+        if (c.disposition != nullptr) headers.emplace_back("content-disposition", c.disposition);
+        EXPECT_EQ(responseWith(c.url, headers).suggestedFilename(), c.expected)
+            << c.url << " / " << (c.disposition != nullptr ? c.disposition : "(none)");
+    }
+}
+
+}  // namespace
+}  // namespace vontu::platform
