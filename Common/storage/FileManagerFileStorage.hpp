@@ -1,0 +1,38 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Common/storage/FileStorage.hpp"
+#include "Common/util/Logger.hpp"
+
+namespace tern {
+
+// FileStorage in the app's application-support directory:
+//   <application support>/dev.tern/<site id>/queue/inventory.json
+//   <application support>/dev.tern/<site id>/queue/tasks/<file id>.json
+// Directories are created as needed. A failed read, write or removal is logged as an error with
+// the platform's description of the failure.
+class FileManagerFileStorage final : public FileStorage {
+public:
+    FileManagerFileStorage(std::string siteId, std::shared_ptr<Logger> logger);
+
+    bool save(FileType type, const vontu::platform::Bytes& contents,
+              const std::optional<std::string>& fileId) override;
+    std::optional<vontu::platform::Bytes> get(FileType type,
+                                              const std::optional<std::string>& fileId) override;
+    bool deleteFile(FileType type, const std::string& fileId) override;
+
+    // Where the file of (type, fileId) lives, its directory created. Absent for a task without
+    // a file id, or when the directory cannot be found or created.
+    std::optional<std::filesystem::path> fileUrl(FileType type,
+                                                 const std::optional<std::string>& fileId) const;
+
+private:
+    std::string siteId_;
+    std::shared_ptr<Logger> logger_;
+};
+
+}  // namespace tern
