@@ -39,11 +39,15 @@ struct HttpUrlResponse {
 };
 
 struct UrlError {
+    // The URL loading system's error codes that callers tell apart.
     enum class Code {
         cancelled,
         timedOut,
         badUrl,
-        cannotConnect,
+        cannotFindHost,         // the host name does not resolve
+        cannotConnect,          // nothing answers at the address
+        networkConnectionLost,  // the connection broke during the exchange
+        notConnectedToInternet, // no network at all
         secureConnectionFailed,
         tooManyRedirects,
         responseTooLarge,

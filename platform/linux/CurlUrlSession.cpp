@@ -311,8 +311,15 @@ UrlError::Code codeForCurlResult(CURLcode result) {
             return UrlError::Code::timedOut;
         case CURLE_COULDNT_RESOLVE_HOST:
         case CURLE_COULDNT_RESOLVE_PROXY:
+            return UrlError::Code::cannotFindHost;
         case CURLE_COULDNT_CONNECT:
             return UrlError::Code::cannotConnect;
+        case CURLE_SEND_ERROR:
+        case CURLE_RECV_ERROR:
+        case CURLE_GOT_NOTHING:
+        case CURLE_PARTIAL_FILE:
+        case CURLE_HTTP2_STREAM:
+            return UrlError::Code::networkConnectionLost;
         case CURLE_SSL_CONNECT_ERROR:
         case CURLE_PEER_FAILED_VERIFICATION:
         case CURLE_SSL_CERTPROBLEM:

@@ -124,7 +124,7 @@ LinuxEnv::~LinuxEnv() {
 
 void LinuxEnv::runMainLoop() {
     loop_->mainThreadId.store(std::this_thread::get_id());
-    loop_->main.restart();
+    // A stop requested before the loop started holds: run() then returns at once.
     loop_->main.run();
 }
 

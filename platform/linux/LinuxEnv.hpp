@@ -48,7 +48,8 @@ public:
     const std::filesystem::path& home() const { return home_; }
 
     // Runs main-thread jobs and timers on the calling thread (which becomes the main thread)
-    // until stopMainLoop() is called from any thread.
+    // until stopMainLoop() is called from any thread, before or after the loop started. Runs
+    // once per environment.
     void runMainLoop();
     void stopMainLoop();
 
