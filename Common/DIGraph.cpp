@@ -5,6 +5,9 @@
 #include <utility>
 
 #include "Common/hooks/TernHooksManager.hpp"
+#include "Common/http/TernAPIHttpRetryPolicy.hpp"
+#include "Common/http/TernHttpClient.hpp"
+#include "Common/http/UrlRequestHttpRequestRunner.hpp"
 #include "Common/storage/FileManagerFileStorage.hpp"
 #include "Common/storage/TernGlobalDataStore.hpp"
 #include "Common/storage/TernProfileStore.hpp"
@@ -105,6 +108,19 @@ std::shared_ptr<LockManager> DIGraph::lockManager() {
 std::shared_ptr<SingleScheduleTimer> DIGraph::singleScheduleTimer() {
     return shared<SingleScheduleTimer>(
         [this] { return std::make_shared<TernSingleScheduleTimer>(newSimpleTimer()); });
+}
+
+std::shared_ptr<HttpClient> DIGraph::httpClient() {
+    return fresh<HttpClient>([this] {
+        return TernHttpClient::make(siteId_, apiKey_, HttpBaseUrls{sdkConfig_.trackingApiUrl},
+                                    std::make_shared<UrlRequestHttpRequestRunner>(), jsonAdapter(),
+                                    globalDataStore(), logger(), newSimpleTimer(),
+                                    httpRetryPolicy(), userAgentUtil());
+    });
+}
+
+std::shared_ptr<HttpRetryPolicy> DIGraph::httpRetryPolicy() {
+    return fresh<HttpRetryPolicy>([] { return std::make_shared<TernAPIHttpRetryPolicy>(); });
 }
 
 std::shared_ptr<SimpleTimer> DIGraph::newSimpleTimer() { return TernSimpleTimer::make(logger()); }

@@ -10,6 +10,8 @@
 
 #include "Common/config/SdkConfig.hpp"
 #include "Common/hooks/HooksManager.hpp"
+#include "Common/http/HttpClient.hpp"
+#include "Common/http/HttpRetryPolicy.hpp"
 #include "Common/storage/FileStorage.hpp"
 #include "Common/storage/GlobalDataStore.hpp"
 #include "Common/storage/KeyValueStorage.hpp"
@@ -91,9 +93,12 @@ public:
     std::shared_ptr<LockManager> lockManager();
     std::shared_ptr<SingleScheduleTimer> singleScheduleTimer();
 
-    // The background queue and HTTP services join here as they are written: queue,
-    // queueRunRequest, queueRunner, queueStorage, httpClient and the HTTP retry policy (built
-    // anew), and queueRequestManager (shared).
+    // A TernHttpClient with a new transport, retry policy and retry timer.
+    std::shared_ptr<HttpClient> httpClient();
+    std::shared_ptr<HttpRetryPolicy> httpRetryPolicy();
+
+    // The background queue's services join here as they are written: queue, queueRunRequest,
+    // queueRunner, queueStorage (built anew), and queueRequestManager (shared).
 
 private:
     static std::string demangledTypeName(const std::type_info& type);
