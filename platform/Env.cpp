@@ -33,6 +33,8 @@ Env& Env::current() {
     return *env;
 }
 
+Env* Env::installed() { return currentEnv.load(std::memory_order_acquire); }
+
 void Env::setCurrent(Env* env) { currentEnv.store(env, std::memory_order_release); }
 
 bool Env::systemVersionAtLeast(int major, int minor) {

@@ -43,6 +43,8 @@ enum class AuthorizationStatus { notDetermined = 0, denied = 1, authorized = 2, 
 class Env : public AutoMockable {
 public:
     static Env& current();
+    // The installed Env, or null before a host installed one.
+    static Env* installed();
     // Installs env as the process's Env (not owned; it must outlive every user).
     static void setCurrent(Env* env);
 
@@ -72,6 +74,9 @@ public:
     virtual std::shared_ptr<DefaultsSuite> defaultsSuite(const std::string& name) = 0;
 
     // --- URL loading
+    // True when url, which has a scheme and an authority ("scheme://host..."), is well formed
+    // by the URL loading system's rules (host syntax, port, escapes).
+    virtual bool isWellFormedUrl(const std::string& url) = 0;
     virtual std::shared_ptr<UrlSession> newUrlSession(const UrlSessionConfiguration& config) = 0;
     // The process's shared session (default configuration, no time-outs of its own).
     virtual std::shared_ptr<UrlSession> sharedUrlSession() = 0;
@@ -150,6 +155,7 @@ public:
     std::shared_ptr<DefaultsSuite> defaultsSuite(const std::string& n) override {
         return target_.defaultsSuite(n);
     }
+    bool isWellFormedUrl(const std::string& u) override { return target_.isWellFormedUrl(u); }
     std::shared_ptr<UrlSession> newUrlSession(const UrlSessionConfiguration& c) override {
         return target_.newUrlSession(c);
     }

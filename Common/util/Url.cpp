@@ -3,7 +3,7 @@
 #include <cctype>
 #include <memory>
 
-#include <curl/curl.h>
+#include "platform/Env.hpp"
 
 namespace tern {
 
@@ -75,33 +75,8 @@ std::string percentDecoded(std::string_view text) {
     return decoded;
 }
 
-struct CurlUrlDeleter {
-    void operator()(CURLU* handle) const { curl_url_cleanup(handle); }
-};
-
-struct CurlStringDeleter {
-    void operator()(char* text) const { curl_free(text); }
-};
-
-// libcurl's verdict on a URL with an authority, and the host as written in it.
-std::optional<std::string> hostCheckedByCurl(const std::string& text) {
-    std::unique_ptr<CURLU, CurlUrlDeleter> handle(curl_url());
-    if (!handle) return std::nullopt;
-    if (curl_url_set(handle.get(), CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME) !=
-        CURLUE_OK) {
-        return std::nullopt;
-    }
-    char* host = nullptr;
-    if (curl_url_get(handle.get(), CURLUPART_HOST, &host, 0) != CURLUE_OK || host == nullptr) {
-        return std::nullopt;
-    }
-    std::unique_ptr<char, CurlStringDeleter> owned(host);
-    return std::string(host);
-}
-
-// The host as it stands in the authority "//[userinfo@]host[:port]": libcurl may normalise
-// letter case in what it returns, so the text itself is the source; libcurl has already
-// confirmed the authority is well formed.
+// The host as it stands in the authority "//[userinfo@]host[:port]", letter case kept; the
+// platform has already confirmed the authority is well formed.
 std::string hostAsWritten(std::string_view authority) {
     if (auto at = authority.rfind('@'); at != std::string_view::npos) {
         authority.remove_prefix(at + 1);
@@ -138,8 +113,7 @@ std::optional<Url> Url::parse(std::string_view text) {
         auto pathStart = rest.find('/');
         std::string_view authority = rest.substr(0, pathStart);
         if (url.scheme_) {
-            auto curlHost = hostCheckedByCurl(url.text_);
-            if (!curlHost) return std::nullopt;
+            if (!vontu::platform::Env::current().isWellFormedUrl(url.text_)) return std::nullopt;
         }
         url.host_ = hostAsWritten(authority);
         rest = pathStart == std::string_view::npos ? std::string_view() : rest.substr(pathStart);

@@ -12,7 +12,7 @@ namespace tern {
 // character, a non-ASCII byte, a character that may not appear in a URL (such as '"', '<' or
 // '\\') or a broken percent escape does not parse. Relative references ("a/b") and URLs without
 // an authority ("mailto:someone@example.com") do parse. A URL with an authority ("scheme://...")
-// is checked with libcurl's URL parser as well.
+// is checked by the platform's URL parser as well.
 //
 // Nothing is normalised: the scheme and the host keep their letter case, so comparing hosts is
 // exact and case-sensitive.

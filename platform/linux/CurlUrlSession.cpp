@@ -779,7 +779,7 @@ private:
 
 }  // namespace vontu::platform::linux_host
 
-// The module's one export (see UrlSessionModule.hpp).
+// The module's exports (see UrlSessionModule.hpp).
 extern "C" __attribute__((visibility("default"))) void vontu_urlsession_make(
     const vontu::platform::UrlSessionConfiguration* config,
     const vontu::platform::linux_host::NetworkOptions* network,
@@ -789,4 +789,14 @@ extern "C" __attribute__((visibility("default"))) void vontu_urlsession_make(
     initialiseCurlOnce();
     *session = std::make_shared<CurlUrlSession>(
         std::make_shared<SessionCore>(*config, *network, *downloadDirectory));
+}
+
+extern "C" __attribute__((visibility("default"))) bool vontu_urlsession_accepts_url(
+    const char* url) {
+    CURLU* handle = curl_url();
+    if (handle == nullptr) return false;
+    const bool accepted = curl_url_set(handle, CURLUPART_URL, url, CURLU_NON_SUPPORT_SCHEME) ==
+                          CURLUE_OK;
+    curl_url_cleanup(handle);
+    return accepted;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "platform/UrlSession.hpp"
 #include "platform/linux/NetworkOptions.hpp"
@@ -13,5 +14,9 @@ namespace vontu::platform::linux_host {
 std::shared_ptr<UrlSession> makeCurlUrlSession(const UrlSessionConfiguration& config,
                                                const NetworkOptions& network,
                                                const std::filesystem::path& downloadDirectory);
+
+// libcurl's verdict on a URL with a scheme and an authority, through the same module; false
+// when the module cannot be loaded.
+bool curlAcceptsUrl(const std::string& url);
 
 }  // namespace vontu::platform::linux_host

@@ -254,6 +254,8 @@ std::shared_ptr<DefaultsSuite> LinuxEnv::defaultsSuite(const std::string& name) 
     return suite;
 }
 
+bool LinuxEnv::isWellFormedUrl(const std::string& url) { return curlAcceptsUrl(url); }
+
 std::shared_ptr<UrlSession> LinuxEnv::newUrlSession(const UrlSessionConfiguration& config) {
     auto downloads = temporaryDirectory().value_or(fs::temp_directory_path());
     return makeCurlUrlSession(config, settings_.network, downloads / "downloads");

@@ -66,6 +66,7 @@ public:
     std::optional<std::filesystem::path> applicationSupportDirectory() override;
     std::optional<std::filesystem::path> temporaryDirectory() override;
     std::shared_ptr<DefaultsSuite> defaultsSuite(const std::string& name) override;
+    bool isWellFormedUrl(const std::string& url) override;
     std::shared_ptr<UrlSession> newUrlSession(const UrlSessionConfiguration& config) override;
     std::shared_ptr<UrlSession> sharedUrlSession() override;
     void runOnMain(std::function<void()> block) override;

@@ -35,10 +35,11 @@ private:
     }
 };
 
-MakeUrlSessionFunction loadFactory() {
-    static constexpr ModuleSpec spec{kUrlSessionModuleFileName, kUrlSessionModuleVariable,
-                                     VONTU_URLSESSION_MODULE_BUILD_PATH, kMakeUrlSessionSymbol};
-    return reinterpret_cast<MakeUrlSessionFunction>(loadModuleSymbol(spec));
+template <typename Function>
+Function loadExport(const char* symbol) {
+    const ModuleSpec spec{kUrlSessionModuleFileName, kUrlSessionModuleVariable,
+                          VONTU_URLSESSION_MODULE_BUILD_PATH, symbol};
+    return reinterpret_cast<Function>(loadModuleSymbol(spec));
 }
 
 }  // namespace
@@ -48,11 +49,18 @@ std::shared_ptr<UrlSession> makeCurlUrlSession(const UrlSessionConfiguration& co
                                                const std::filesystem::path& downloadDirectory) {
     static std::once_flag loaded;
     static MakeUrlSessionFunction factory = nullptr;
-    std::call_once(loaded, [] { factory = loadFactory(); });
+    std::call_once(loaded, [] { factory = loadExport<MakeUrlSessionFunction>(kMakeUrlSessionSymbol); });
     std::shared_ptr<UrlSession> session;
     if (factory != nullptr) factory(&config, &network, &downloadDirectory, &session);
     if (!session) session = std::make_shared<UnavailableUrlSession>();
     return session;
+}
+
+bool curlAcceptsUrl(const std::string& url) {
+    static std::once_flag loaded;
+    static AcceptsUrlFunction accepts = nullptr;
+    std::call_once(loaded, [] { accepts = loadExport<AcceptsUrlFunction>(kAcceptsUrlSymbol); });
+    return accepts != nullptr && accepts(url.c_str());
 }
 
 }  // namespace vontu::platform::linux_host

@@ -13,12 +13,16 @@ namespace vontu::platform::linux_host {
 inline constexpr const char* kUrlSessionModuleFileName = "libvontu_urlsession_curl.so";
 inline constexpr const char* kUrlSessionModuleVariable = "VONTU_URLSESSION_MODULE";
 
-// The module's one export, with C linkage: makes a session into *session. The module and its
+// The module's export that makes a session into *session, with C linkage. The module and its
 // host are built together, so C++ types may cross.
 inline constexpr const char* kMakeUrlSessionSymbol = "vontu_urlsession_make";
 using MakeUrlSessionFunction = void (*)(const UrlSessionConfiguration* config,
                                         const NetworkOptions* network,
                                         const std::filesystem::path* downloadDirectory,
                                         std::shared_ptr<UrlSession>* session);
+
+// A second export: whether libcurl's URL parser accepts the URL (any scheme).
+inline constexpr const char* kAcceptsUrlSymbol = "vontu_urlsession_accepts_url";
+using AcceptsUrlFunction = bool (*)(const char* url);
 
 }  // namespace vontu::platform::linux_host

@@ -14,7 +14,7 @@ TestEnv::TestEnv(platform::linux_host::HostSettings settings) {
         env_->runMainLoop();
     });
     startedFuture.wait();
-    previous_ = nullptr;
+    previous_ = platform::Env::installed();
     platform::Env::setCurrent(env_.get());
 }
 

@@ -10,7 +10,9 @@ namespace vontu::testing {
 
 // A real LinuxEnv over a fresh temporary state root, installed as the process's Env, with its
 // main loop running on a thread of its own (the tests' "main thread"). Everything is torn
-// down, and the previous Env restored, when the object goes away.
+// down, and the previous Env restored, when the object goes away. Every test program also has
+// one for the whole run (GlobalTestEnv.cpp), so code that reaches the platform works in any
+// test; a test that needs settings of its own makes its own TestEnv, which takes precedence.
 class TestEnv {
 public:
     explicit TestEnv(platform::linux_host::HostSettings settings = {});
