@@ -264,8 +264,10 @@ std::expected<curl_slist*, UrlError> headerListFor(const UrlRequest& request,
 void setMethodAndBody(CURL* easy, const UrlRequest& request) {
     static constexpr char emptyBody[] = "";
     const std::string& method = request.method.empty() ? std::string("GET") : request.method;
-    // A POST always carries a body, if only an empty one, so that it says Content-Length: 0.
-    if (request.body || method == "POST") {
+    // Methods that carry a body always send one, if only an empty one, so that the request says
+    // Content-Length: 0 and no server waits for bytes that never come.
+    const bool carriesBody = method == "POST" || method == "PUT" || method == "PATCH";
+    if (request.body || carriesBody) {
         const bool hasBytes = request.body && !request.body->empty();
         const char* bytes = hasBytes ? reinterpret_cast<const char*>(request.body->data()) : emptyBody;
         const auto size = static_cast<curl_off_t>(hasBytes ? request.body->size() : 0);
