@@ -2,17 +2,20 @@
 
 #include <httplib.h>
 
+#include <functional>
 #include <string>
 #include <thread>
 
 namespace vontu::testing {
 
 // A cpp-httplib server on 127.0.0.1 with an ephemeral port, listening on a thread of its own
-// from construction until destruction. Handlers are registered on server() before requests are
-// made.
+// from construction until destruction. Handlers are best registered through the constructor's
+// setup, before the server thread starts; registering on server() later races with requests
+// that are already arriving.
 class LoopbackServer {
 public:
-    LoopbackServer() {
+    explicit LoopbackServer(const std::function<void(httplib::Server&)>& setup = {}) {
+        if (setup) setup(server_);
         port_ = server_.bind_to_any_port("127.0.0.1");
         thread_ = std::thread([this] { server_.listen_after_bind(); });
         // The socket already listens; waiting for the accept loop makes stop() reliable.
