@@ -8,6 +8,12 @@
 #include "Common/http/TernAPIHttpRetryPolicy.hpp"
 #include "Common/http/TernHttpClient.hpp"
 #include "Common/http/UrlRequestHttpRequestRunner.hpp"
+#include "Common/queue/FileManagerQueueStorage.hpp"
+#include "Common/queue/TernQueue.hpp"
+#include "Common/queue/TernQueueQueryRunner.hpp"
+#include "Common/queue/TernQueueRequestManager.hpp"
+#include "Common/queue/TernQueueRunRequest.hpp"
+#include "Common/queue/TernQueueRunner.hpp"
 #include "Common/storage/FileManagerFileStorage.hpp"
 #include "Common/storage/TernGlobalDataStore.hpp"
 #include "Common/storage/TernProfileStore.hpp"
@@ -121,6 +127,41 @@ std::shared_ptr<HttpClient> DIGraph::httpClient() {
 
 std::shared_ptr<HttpRetryPolicy> DIGraph::httpRetryPolicy() {
     return fresh<HttpRetryPolicy>([] { return std::make_shared<TernAPIHttpRetryPolicy>(); });
+}
+
+std::shared_ptr<Queue> DIGraph::queue() {
+    return fresh<Queue>([this] {
+        return std::make_shared<TernQueue>(queueStorage(), siteId_, queueRunRequest(),
+                                           jsonAdapter(), logger(), sdkConfig_,
+                                           singleScheduleTimer(), dateUtil());
+    });
+}
+
+std::shared_ptr<QueueRunRequest> DIGraph::queueRunRequest() {
+    return fresh<QueueRunRequest>([this] {
+        return std::make_shared<TernQueueRunRequest>(
+            queueRunner(), queueStorage(), queueRequestManager(), logger(),
+            std::make_shared<TernQueueQueryRunner>(logger()), threadUtil());
+    });
+}
+
+std::shared_ptr<QueueRunner> DIGraph::queueRunner() {
+    return fresh<QueueRunner>([this] {
+        return std::make_shared<TernQueueRunner>(siteId_, jsonAdapter(), logger(), httpClient(),
+                                                 sdkConfig_, hooksManager());
+    });
+}
+
+std::shared_ptr<QueueStorage> DIGraph::queueStorage() {
+    return fresh<QueueStorage>([this] {
+        return std::make_shared<FileManagerQueueStorage>(fileStorage(), jsonAdapter(), siteId_,
+                                                         sdkConfig_, logger(), dateUtil(),
+                                                         lockManager());
+    });
+}
+
+std::shared_ptr<QueueRequestManager> DIGraph::queueRequestManager() {
+    return shared<QueueRequestManager>([] { return std::make_shared<TernQueueRequestManager>(); });
 }
 
 std::shared_ptr<SimpleTimer> DIGraph::newSimpleTimer() { return TernSimpleTimer::make(logger()); }

@@ -12,6 +12,11 @@
 #include "Common/hooks/HooksManager.hpp"
 #include "Common/http/HttpClient.hpp"
 #include "Common/http/HttpRetryPolicy.hpp"
+#include "Common/queue/Queue.hpp"
+#include "Common/queue/QueueRequestManager.hpp"
+#include "Common/queue/QueueRunRequest.hpp"
+#include "Common/queue/QueueRunner.hpp"
+#include "Common/queue/QueueStorage.hpp"
 #include "Common/storage/FileStorage.hpp"
 #include "Common/storage/GlobalDataStore.hpp"
 #include "Common/storage/KeyValueStorage.hpp"
@@ -97,8 +102,17 @@ public:
     std::shared_ptr<HttpClient> httpClient();
     std::shared_ptr<HttpRetryPolicy> httpRetryPolicy();
 
-    // The background queue's services join here as they are written: queue, queueRunRequest,
-    // queueRunner, queueStorage (built anew), and queueRequestManager (shared).
+    // --- The background queue
+    // A TernQueue over this graph's storage, run request and the shared timer.
+    std::shared_ptr<Queue> queue();
+    // A TernQueueRunRequest with a new query runner; its runs go through the shared manager.
+    std::shared_ptr<QueueRunRequest> queueRunRequest();
+    // A TernQueueRunner offering tasks to this graph's hooks.
+    std::shared_ptr<QueueRunner> queueRunner();
+    // A FileManagerQueueStorage; all of them share the lock manager's queueStorage lock.
+    std::shared_ptr<QueueStorage> queueStorage();
+    // Shared, so that no two runs of the queue overlap in the process.
+    std::shared_ptr<QueueRequestManager> queueRequestManager();
 
 private:
     static std::string demangledTypeName(const std::type_info& type);
