@@ -6,6 +6,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 
+#include "platform/Crypto.hpp"
 #include "tests/support/LoopbackServer.hpp"
 #include "tests/support/Process.hpp"
 #include "tests/support/TempDir.hpp"
@@ -106,6 +107,42 @@ TEST_F(VontuNse, OnSystem12TheSenderIsNotAddedButTheMailPathRuns) {
     auto result = output(nse(args, newMail()));
     EXPECT_TRUE(result["content"]["communication"].is_null());
     EXPECT_EQ(result["content"]["sound"], (json{{"named", "notif.aiff"}}));
+}
+
+TEST_F(VontuNse, UsesACachedAvatarAsItIsAndDrawsOtherwise) {
+    relay_.server().Post("/post/eml", [](const httplib::Request&, httplib::Response& res) {
+        res.set_content(R"({"k": "v"})", "application/json");
+    });
+    auto args = relayArgs();
+    args.push_back("-");
+    auto drawn = output(nse(args, newMail()));
+    const auto& sender = drawn["content"]["communication"]["sender"];
+    EXPECT_EQ(sender["displayName"], "Jane Doe");
+    EXPECT_EQ(sender["customIdentifier"], "9E26471D35A78862C17E467D87CDDEDF");
+    auto badge = platform::base64Decode(sender["image"]["data"].get<std::string>());
+    ASSERT_TRUE(badge);
+    ASSERT_GT(badge->size(), 8u);
+    EXPECT_EQ(platform::toString(platform::Bytes(badge->begin() + 1, badge->begin() + 4)), "PNG");
+
+    // The main app's cache: the file is named by the MD5 of the address and "_Images".
+    auto avatars = home_.path() / "groups" / "group.ios.vontu" / "Avatars";
+    std::filesystem::create_directories(avatars);
+    const std::string cached = "not even an image: used as it is";
+    std::ofstream(avatars / "18405C77ABB15C778D2EF31F8564DC43.png", std::ios::binary) << cached;
+    auto fromCache = output(nse(args, newMail()));
+    EXPECT_EQ(fromCache["content"]["communication"]["sender"]["image"]["data"],
+              platform::base64Encode(cached));
+}
+
+TEST_F(VontuNse, BeforeSystem15TheContentIsNotACommunication) {
+    relay_.server().Post("/post/eml", [](const httplib::Request&, httplib::Response& res) {
+        res.set_content(R"({"k": "v"})", "application/json");
+    });
+    auto args = relayArgs();
+    args.insert(args.end(), {"--system-version", "14.0", "-"});
+    auto result = output(nse(args, newMail()));
+    EXPECT_TRUE(result["content"]["communication"].is_null());
+    EXPECT_EQ(result["content"]["body"], "Hi");
 }
 
 TEST_F(VontuNse, ReadsARequestFileInTheRequestForm) {
