@@ -10,9 +10,9 @@ namespace vontu::platform::linux_host {
 namespace {
 
 MakeImageCanvasFunction loadFactory() {
-    static constexpr ModuleSpec spec{kDrawingModuleFileName, kDrawingModuleVariable,
+    static constexpr ModuleSpec module{kDrawingModuleFileName, kDrawingModuleVariable,
                                      VONTU_DRAWING_MODULE_BUILD_PATH, kMakeImageCanvasSymbol};
-    return reinterpret_cast<MakeImageCanvasFunction>(loadModuleSymbol(spec));
+    return reinterpret_cast<MakeImageCanvasFunction>(loadModuleSymbol(module));
 }
 
 }  // namespace

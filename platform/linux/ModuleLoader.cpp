@@ -11,8 +11,8 @@ namespace vontu::platform::linux_host {
 
 namespace {
 
-std::vector<std::string> moduleCandidates(const ModuleSpec& spec) {
-    if (const char* explicitPath = std::getenv(spec.environmentVariable);
+std::vector<std::string> moduleCandidates(const ModuleSpec& module) {
+    if (const char* explicitPath = std::getenv(module.environmentVariable);
         explicitPath != nullptr && *explicitPath != '\0') {
         return {explicitPath};
     }
@@ -21,23 +21,23 @@ std::vector<std::string> moduleCandidates(const ModuleSpec& spec) {
     auto executable = std::filesystem::read_symlink("/proc/self/exe", error);
     if (!error) {
         auto directory = executable.parent_path();
-        candidates.push_back(directory / spec.fileName);
-        candidates.push_back(directory / ".." / "lib" / "vontu" / spec.fileName);
-        candidates.push_back(directory / ".." / "lib" / spec.fileName);
+        candidates.push_back(directory / module.fileName);
+        candidates.push_back(directory / ".." / "lib" / "vontu" / module.fileName);
+        candidates.push_back(directory / ".." / "lib" / module.fileName);
     }
-    if (spec.buildPath != nullptr && *spec.buildPath != '\0') candidates.emplace_back(spec.buildPath);
+    if (module.buildPath != nullptr && *module.buildPath != '\0') candidates.emplace_back(module.buildPath);
     // A bare file name lets the dynamic linker search LD_LIBRARY_PATH and its cache.
-    candidates.emplace_back(spec.fileName);
+    candidates.emplace_back(module.fileName);
     return candidates;
 }
 
 }  // namespace
 
-void* loadModuleSymbol(const ModuleSpec& spec) {
-    for (const auto& candidate : moduleCandidates(spec)) {
+void* loadModuleSymbol(const ModuleSpec& module) {
+    for (const auto& candidate : moduleCandidates(module)) {
         void* handle = dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (handle == nullptr) continue;
-        if (void* symbol = dlsym(handle, spec.symbol); symbol != nullptr) return symbol;
+        if (void* symbol = dlsym(handle, module.symbol); symbol != nullptr) return symbol;
         dlclose(handle);
     }
     return nullptr;

@@ -19,6 +19,6 @@ struct ModuleSpec {
 // address of its symbol, or null when no candidate loads. Looks at the environment variable's
 // path when it is set (and only there), else next to the executable, in ../lib/vontu and
 // ../lib beside it, at the build path, and finally through the dynamic linker's own search.
-void* loadModuleSymbol(const ModuleSpec& spec);
+void* loadModuleSymbol(const ModuleSpec& module);
 
 }  // namespace vontu::platform::linux_host

@@ -37,9 +37,9 @@ private:
 
 template <typename Function>
 Function loadExport(const char* symbol) {
-    const ModuleSpec spec{kUrlSessionModuleFileName, kUrlSessionModuleVariable,
+    const ModuleSpec module{kUrlSessionModuleFileName, kUrlSessionModuleVariable,
                           VONTU_URLSESSION_MODULE_BUILD_PATH, symbol};
-    return reinterpret_cast<Function>(loadModuleSymbol(spec));
+    return reinterpret_cast<Function>(loadModuleSymbol(module));
 }
 
 }  // namespace
