@@ -55,7 +55,11 @@ struct RealHost {
 class LogCapturingEnv : private RealHost, public vontu::platform::EnvWrapper {
 public:
     LogCapturingEnv() : EnvWrapper(host.env()) { vontu::platform::Env::setCurrent(this); }
-    ~LogCapturingEnv() override { vontu::platform::Env::setCurrent(&host.env()); }
+    ~LogCapturingEnv() override {
+        vontu::platform::Env::setCurrent(&host.env());
+        // A line being written from the main loop's thread finishes before the lines go.
+        std::lock_guard guard(mutex_);
+    }
 
     void writeLog(const std::string&, const std::string&, vontu::platform::LogType,
                   const std::string& message) override {
