@@ -52,17 +52,9 @@ TernHttpClient::TernHttpClient(Passkey, const std::string& siteId, const std::st
       retryPolicyTimer_(std::move(retryPolicyTimer)),
       retryPolicy_(std::move(retryPolicy)),
       pause_(globalDataStore_, logger_),
-      trackingApiUrl_(Url::parse(baseUrls_.trackingApi)) {
-    if (!trackingApiUrl_) {
-        // A configuration mistake. Stopping the process over it would take the app down with
-        // it; sending nothing with credentials is the safe way to live with it.
-        logger_->error("The tracking API base URL is not a valid URL: " + baseUrls_.trackingApi);
-    }
-    auto& env = vontu::platform::Env::current();
-    ternApiSession_ = env.newUrlSession(
-        ternApiSessionConfiguration(siteId, apiKey, userAgentUtil->getUserAgentHeaderValue()));
-    publicSession_ = env.newUrlSession(publicSessionConfiguration());
-}
+      siteId_(siteId),
+      apiKey_(apiKey),
+      userAgentUtil_(userAgentUtil) {}
 
 UrlSessionConfiguration TernHttpClient::publicSessionConfiguration() {
     UrlSessionConfiguration configuration;
@@ -83,11 +75,35 @@ UrlSessionConfiguration TernHttpClient::ternApiSessionConfiguration(const std::s
     return configuration;
 }
 
-const std::shared_ptr<vontu::platform::UrlSession>& TernHttpClient::sessionFor(
-    const Url& url) const {
+const std::optional<Url>& TernHttpClient::trackingApiUrl() {
+    std::call_once(trackingApiUrlChecked_, [this] {
+        trackingApiUrl_ = Url::parse(baseUrls_.trackingApi);
+        if (!trackingApiUrl_) {
+            // A configuration mistake. Stopping the process over it would take the app down
+            // with it; sending nothing with credentials is the safe way to live with it.
+            logger_->error("The tracking API base URL is not a valid URL: " +
+                           baseUrls_.trackingApi);
+        }
+    });
+    return trackingApiUrl_;
+}
+
+std::shared_ptr<vontu::platform::UrlSession> TernHttpClient::sessionFor(const Url& url) {
     // Exact comparison, letter case included: a look-alike host gets no credentials.
-    if (trackingApiUrl_ && trackingApiUrl_->host() == url.host()) return ternApiSession_;
-    return publicSession_;
+    const auto& trackingUrl = trackingApiUrl();
+    const bool forTrackingApi = trackingUrl && trackingUrl->host() == url.host();
+
+    std::lock_guard guard(sessionsMutex_);
+    auto& session = forTrackingApi ? ternApiSession_ : publicSession_;
+    if (session) return session;
+    auto& env = vontu::platform::Env::current();
+    session = forTrackingApi
+                  ? env.newUrlSession(ternApiSessionConfiguration(
+                        siteId_, apiKey_, userAgentUtil_->getUserAgentHeaderValue()))
+                  : env.newUrlSession(publicSessionConfiguration());
+    // A session made after the client ended has nothing running: it only refuses new tasks.
+    if (cancelled_) session->invalidateAndCancel();
+    return session;
 }
 
 void TernHttpClient::request(HttpRequestParams params, RequestCompletion onComplete) {
@@ -97,7 +113,7 @@ void TernHttpClient::request(HttpRequestParams params, RequestCompletion onCompl
         onComplete(std::unexpected(HttpRequestError::noRequestMade(std::nullopt)));
         return;
     }
-    const auto& session = sessionFor(params.url);
+    const auto session = sessionFor(params.url);
     auto transportCompletion = [weakSelf = weak_from_this(), params,
                                 onComplete = std::move(onComplete)](
                                    std::optional<Bytes> body,
@@ -183,7 +199,10 @@ void TernHttpClient::downloadFile(Url url, DownloadFileType fileType,
 }
 
 void TernHttpClient::cancel(bool finishTasks) {
+    std::lock_guard guard(sessionsMutex_);
+    cancelled_ = true;
     for (const auto* session : {&ternApiSession_, &publicSession_}) {
+        if (!*session) continue;
         if (finishTasks) {
             (*session)->finishTasksAndInvalidate();
         } else {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -26,6 +27,11 @@ namespace tern {
 // Always owned by a std::shared_ptr (create it with make()): transport completions and retries
 // hold the client weakly, and a client that is gone when they arrive reports nothing.
 // Completions run on the sessions' threads, retried requests start on the main thread.
+//
+// Nothing of the network is touched before the first request: the sessions are made, and the
+// tracking URL is checked, when a request first needs them. Every queue holds a client, and a
+// process that never sends anything (an extension answering a push that is not Tern's) must
+// not pay for loading the network stack.
 class TernHttpClient final : public HttpClient,
                              public std::enable_shared_from_this<TernHttpClient> {
     struct Passkey {};
@@ -65,7 +71,9 @@ public:
 
 private:
     // The API session for the tracking host only: credentials never go anywhere else.
-    const std::shared_ptr<vontu::platform::UrlSession>& sessionFor(const Url& url) const;
+    std::shared_ptr<vontu::platform::UrlSession> sessionFor(const Url& url);
+    // The tracking API's base URL, checked on first use; absent when it does not parse.
+    const std::optional<Url>& trackingApiUrl();
 
     void handleTransportOutcome(const HttpRequestParams& params,
                                 const RequestCompletion& onComplete,
@@ -87,10 +95,20 @@ private:
     std::shared_ptr<SimpleTimer> retryPolicyTimer_;
     std::shared_ptr<HttpRetryPolicy> retryPolicy_;
     HttpRequestsPause pause_;
+    // What the API session is made with.
+    const std::string siteId_;
+    const std::string apiKey_;
+    const std::shared_ptr<UserAgentUtil> userAgentUtil_;
+
+    std::once_flag trackingApiUrlChecked_;
     // Absent when the configured base URL does not parse: then no request gets credentials.
     std::optional<Url> trackingApiUrl_;
+
+    // The sessions, each made on first use, and whether the client has been ended.
+    std::mutex sessionsMutex_;
     std::shared_ptr<vontu::platform::UrlSession> ternApiSession_;
     std::shared_ptr<vontu::platform::UrlSession> publicSession_;
+    bool cancelled_ = false;
 };
 
 }  // namespace tern

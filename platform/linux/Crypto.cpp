@@ -2,9 +2,11 @@
 
 #include <openssl/evp.h>
 #include <openssl/rand.h>
+#include <sys/random.h>
 #include <uuid/uuid.h>
 
 #include <cctype>
+#include <cerrno>
 
 namespace vontu::platform {
 
@@ -59,13 +61,37 @@ std::string newUuidString() {
     return text;
 }
 
+namespace {
+
+// Four bytes from the kernel's random source. Deliberately not OpenSSL's generator: its first
+// use loads the library's configuration and providers, which costs a process that only needs a
+// few random letters (every push's start-up draws some) a couple of milliseconds and megabytes.
+std::uint32_t randomWord() {
+    std::uint32_t value = 0;
+    auto* bytes = reinterpret_cast<unsigned char*>(&value);
+    std::size_t filled = 0;
+    while (filled < sizeof value) {
+        const ssize_t got = ::getrandom(bytes + filled, sizeof value - filled, 0);
+        if (got > 0) {
+            filled += static_cast<std::size_t>(got);
+        } else if (got < 0 && errno != EINTR) {
+            // No kernel source (a very old kernel): OpenSSL's generator after all.
+            RAND_bytes(bytes, sizeof value);
+            return value;
+        }
+    }
+    return value;
+}
+
+}  // namespace
+
 std::uint32_t randomBelow(std::uint32_t bound) {
     if (bound <= 1) return 0;
     // Rejection sampling keeps the result uniform.
     const std::uint32_t limit = UINT32_MAX - UINT32_MAX % bound;
     std::uint32_t value = 0;
     do {
-        RAND_bytes(reinterpret_cast<unsigned char*>(&value), sizeof value);
+        value = randomWord();
     } while (value >= limit);
     return value % bound;
 }
