@@ -15,6 +15,7 @@
 #include "extension/NotificationService.hpp"
 #include "hosts/ExtensionQueue.hpp"
 #include "hosts/HostCommon.hpp"
+#include "hosts/SessionClosingEnv.hpp"
 #include "platform/NotificationJson.hpp"
 
 namespace {
@@ -36,20 +37,24 @@ struct Options {
     bool serve = false;
 };
 
-// True on the extension queue while it runs the expiry warning: a delivery made then came
-// from the warning.
-thread_local bool deliveringOnExpiry = false;
-
 // The first delivery of one request; later ones are ignored, as the system ignores them.
 class Delivery {
 public:
     Delivery() : start_(Clock::now()) {}
 
+    // The expiry warning is being handed to the extension: whatever is delivered from now on
+    // is delivered because of it, on the extension queue or on a thread of the push library
+    // that the warning set going.
+    void noteExpiryWarning() {
+        std::lock_guard lock(mutex_);
+        expiryWarned_ = true;
+    }
+
     void deliver(const platform::NotificationContent& content) {
         std::lock_guard lock(mutex_);
         if (content_) return;
         content_ = content;
-        viaExpiry_ = deliveringOnExpiry;
+        viaExpiry_ = expiryWarned_;
         elapsed_ = Clock::now() - start_;
         delivered_.notify_all();
     }
@@ -71,6 +76,7 @@ private:
     std::mutex mutex_;
     std::condition_variable delivered_;
     std::optional<platform::NotificationContent> content_;
+    bool expiryWarned_ = false;
     bool viaExpiry_ = false;
     Clock::duration elapsed_{};
 };
@@ -88,11 +94,10 @@ std::optional<json> runPush(const platform::NotificationRequest& request, const 
         service->didReceiveNotificationRequest(request, handler);
     });
     const double warningAt = std::max(0.0, options.timeLimit - options.warning);
-    auto warning = env.scheduleOnMain(warningAt, [service, &extensionQueue] {
-        extensionQueue.post([service] {
-            deliveringOnExpiry = true;
+    auto warning = env.scheduleOnMain(warningAt, [service, delivery, &extensionQueue] {
+        extensionQueue.post([service, delivery] {
+            delivery->noteExpiryWarning();
             service->serviceExtensionTimeWillExpire();
-            deliveringOnExpiry = false;
         });
     });
     auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
@@ -174,7 +179,8 @@ int main(int argc, char** argv) {
         request = std::move(*parsed);
     }
 
-    platform::linux_host::LinuxEnv env(options.settings);
+    auto linuxEnv = std::make_unique<platform::linux_host::LinuxEnv>(options.settings);
+    hosts::SessionClosingEnv env(*linuxEnv);
     platform::Env::setCurrent(&env);
     int exitCode = 0;
     {
@@ -188,11 +194,17 @@ int main(int argc, char** argv) {
                 hosts::printError(kProgram, "nothing was delivered within the time limit");
                 exitCode = kExitNothingDelivered;
             }
-            env.stopMainLoop();
+            linuxEnv->stopMainLoop();
         });
-        env.runMainLoop();
+        linuxEnv->runMainLoop();
         controller.join();
         extensionQueue.stop();
     }
+    // The content is out: what the extension still has going is of no more use. Its sessions
+    // are closed first, so that their threads end while the network stack is there; then the
+    // platform goes, waiting for its background threads. The push library's objects live on
+    // (they are never destroyed) but nothing is left to run them.
+    env.closeAllSessions();
+    linuxEnv.reset();
     return exitCode;
 }

@@ -1,0 +1,241 @@
+// vontu-nse on pushes sent through Tern, as a process: the tracking API is a TLS server on
+// 127.0.0.1 reached as the production host "track.tern.dev:443" (--connect-to, with a test CA
+// given by --cacert), and the push's image comes from a plain HTTP server on 127.0.0.1.
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <memory>
+#include <regex>
+
+#include <nlohmann/json.hpp>
+
+#include "platform/Crypto.hpp"
+#include "tests/common/http/HttpTestSupport.hpp"
+#include "tests/support/Process.hpp"
+#include "tests/support/TempDir.hpp"
+
+namespace vontu {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using tern::testing::Gate;
+using tern::testing::ReceivedRequest;
+using tern::testing::RecordingServer;
+
+constexpr const char* trackingHost = "track.tern.dev";
+constexpr const char* libraryGlobalSuite = "dev.tern.sdk.ios.vontu.NotificationService.shared";
+// A whole 1x1 PNG: the attachment check reads the file's leading bytes.
+constexpr const char* pngBase64 =
+    "iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mNk+M9QDwADhgGAWjR9awAAAABJRU5ErkJggg==";
+
+class VontuNseTernPush : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        const auto openssl = tern::testing::programOnPath("openssl");
+        if (!openssl) return;
+        certificateDirectory_ = new testing::TempDir();
+        certificates_ = tern::testing::makeTestCertificates(
+            *openssl, certificateDirectory_->path(), trackingHost);
+    }
+    static void TearDownTestSuite() {
+        delete certificateDirectory_;
+        certificateDirectory_ = nullptr;
+    }
+
+    void SetUp() override {
+        if (!certificates_) GTEST_SKIP() << "no test certificates: is the openssl tool installed?";
+        tracking_ = std::make_unique<RecordingServer<httplib::SSLServer>>(
+            certificates_->serverCertificate.c_str(), certificates_->serverKey.c_str());
+        tracking_->respondWith(200, "{}");
+        images_ = std::make_unique<RecordingServer<httplib::Server>>();
+        images_->respond([gate = imageGate_](const httplib::Request&, httplib::Response& response) {
+            gate->waitOpen();
+            response.set_content(image(), "image/png");
+        });
+    }
+    void TearDown() override {
+        imageGate_->open();
+        images_.reset();
+        tracking_.reset();
+    }
+
+    static std::string image() {
+        const auto bytes = platform::base64Decode(pngBase64);
+        return bytes ? platform::toString(*bytes) : std::string();
+    }
+    std::string imageUrl() const {
+        return "http://127.0.0.1:" + std::to_string(images_->port()) + "/images/banner.png";
+    }
+
+    testing::ProcessResult nse(std::vector<std::string> args, const json& push,
+                               const std::map<std::string, std::string>& environment = {}) {
+        const std::string port = std::to_string(tracking_->port());
+        args.insert(args.begin(),
+                    {"--home", home_.path().string(), "--cacert", certificates_->caCertificate.string(),
+                     "--connect-to", std::string(trackingHost) + ":443:127.0.0.1:" + port});
+        args.push_back("-");
+        return testing::runProcess(testing::builtProgram("hosts/vontu-nse"), args, push.dump(),
+                                   environment);
+    }
+    testing::ProcessResult defaults(std::vector<std::string> args) {
+        args.insert(args.begin(), {"--home", home_.path().string()});
+        return testing::runProcess(testing::builtProgram("hosts/vontu-defaults"), args);
+    }
+    static json output(const testing::ProcessResult& result) {
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        return json::parse(result.out, nullptr, false);
+    }
+
+    static json ternPush(std::optional<json> tern) {
+        json push = {{"aps", {{"alert", {{"title", "Sale"}, {"body", "Half price today"}}},
+                              {"mutable-content", 1}}},
+                     {"TERN-Delivery-ID", "delivery-1"},
+                     {"TERN-Delivery-Token", "device-token-1"}};
+        if (tern) push["TERN"] = *tern;
+        return push;
+    }
+    json richPush() const {
+        return ternPush(json{{"push", {{"image", imageUrl()}, {"link", "https://vontu.app/sale"}}}});
+    }
+
+    // The metric request exactly as the tracking API must receive it, sent between the two
+    // times (seconds since 1970).
+    static void expectDeliveredMetric(const ReceivedRequest& request, long sentAfter,
+                                      long sentBefore) {
+        EXPECT_EQ(request.method, "POST");
+        EXPECT_EQ(request.path, "/push/events");
+        EXPECT_EQ(request.header("Authorization"),
+                  "Basic " + platform::base64Encode(std::string(TERN_SITE_ID) + ":" + TERN_API_KEY));
+        EXPECT_EQ(request.header("Content-Type"), "application/json; charset=utf-8");
+        const auto userAgent = request.header("User-Agent").value_or("");
+        EXPECT_TRUE(userAgent.starts_with("Tern iOS Client/2.1.2 (")) << userAgent;
+        std::smatch timestamp;
+        ASSERT_TRUE(std::regex_match(
+            request.body, timestamp,
+            std::regex(R"(\{"delivery_id":"delivery-1","device_id":"device-token-1",)"
+                       R"("event":"delivered","timestamp":(\d+)\})")))
+            << request.body;
+        EXPECT_GE(std::stol(timestamp[1]), sentAfter);
+        EXPECT_LE(std::stol(timestamp[1]), sentBefore);
+    }
+
+    static long secondsNow() {
+        return static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(
+                                     std::chrono::system_clock::now().time_since_epoch())
+                                     .count());
+    }
+
+    static inline testing::TempDir* certificateDirectory_ = nullptr;
+    static inline std::optional<tern::testing::TestCertificates> certificates_;
+
+    testing::TempDir home_;
+    std::shared_ptr<Gate> imageGate_ = std::make_shared<Gate>();
+    std::unique_ptr<RecordingServer<httplib::SSLServer>> tracking_;
+    std::unique_ptr<RecordingServer<httplib::Server>> images_;
+};
+
+TEST_F(VontuNseTernPush, ARichPushIsTrackedAndShownWithItsImage) {
+    imageGate_->open();
+    const long before = secondsNow();
+    auto result = output(nse({}, richPush()));
+    const long after = secondsNow();
+
+    EXPECT_EQ(result["via"], "handler");
+    EXPECT_EQ(result["content"]["title"], "Sale");
+    EXPECT_EQ(result["content"]["body"], "Half price today");
+    const auto& attachments = result["content"]["attachments"];
+    ASSERT_EQ(attachments.size(), 1u) << result.dump();
+    EXPECT_TRUE(std::regex_match(attachments[0]["identifier"].get<std::string>(),
+                                 std::regex("tern_sdk_[a-z]{10}")));
+    EXPECT_EQ(attachments[0]["type"], "public.png");
+    const std::string url = attachments[0]["url"];
+    ASSERT_TRUE(url.starts_with("file://"));
+    std::ifstream attached(url.substr(7), std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(attached), {}), image());
+
+    const auto images = images_->received();
+    ASSERT_EQ(images.size(), 1u);
+    EXPECT_EQ(images[0].path, "/images/banner.png");
+    const auto metrics = tracking_->received();
+    ASSERT_EQ(metrics.size(), 1u);
+    expectDeliveredMetric(metrics[0], before, after);
+}
+
+TEST_F(VontuNseTernPush, ASimplePushIsTrackedAndShownUnchanged) {
+    const auto push = ternPush(std::nullopt);
+    auto result = output(nse({}, push));
+
+    EXPECT_EQ(result["via"], "handler");
+    EXPECT_EQ(result["content"]["body"], "Half price today");
+    EXPECT_EQ(result["content"]["userInfo"], push);
+    EXPECT_TRUE(result["content"]["attachments"].empty());
+    EXPECT_TRUE(images_->received().empty());
+    const auto metrics = tracking_->received();
+    ASSERT_EQ(metrics.size(), 1u);
+    EXPECT_EQ(metrics[0].path, "/push/events");
+}
+
+TEST_F(VontuNseTernPush, APushThatIsNotTernsGoesTheMailWayWithoutLoadingTheNetwork) {
+    auto written = defaults({"write", "group.ios.vontu", "Track_m1",
+                             R"({"title": "Read!", "body": "B", "read_by": {"bob@x": "Bob read it"}})"});
+    ASSERT_EQ(written.exitCode, 0) << written.err;
+    const json readReceipt = {
+        {"aps", {{"category", "ReadNotif"}, {"md5", "m1"}, {"read_by", "bob@x"},
+                 {"alert", {{"title", "T"}, {"body", "B"}}}}},
+        {"TERN-Delivery-ID", "delivery-1"}};  // without its token: not a Tern push
+
+    // The dynamic loader names every library it maps.
+    auto process = nse({}, readReceipt, {{"LD_DEBUG", "files"}});
+    auto result = output(process);
+    EXPECT_EQ(result["content"]["body"], "Bob read it");
+    EXPECT_EQ(process.err.find("libcurl"), std::string::npos);
+    EXPECT_EQ(process.err.find("libvontu_urlsession_curl"), std::string::npos);
+    EXPECT_TRUE(tracking_->received().empty());
+}
+
+TEST_F(VontuNseTernPush, TheExpiryWarningDeliversARichPushWithoutItsSlowImage) {
+    // The image never comes before the warning (at 2 of 3 seconds).
+    auto result = output(nse({"--time-limit", "3", "--warning", "1"}, richPush()));
+
+    EXPECT_EQ(result["via"], "expiry");
+    EXPECT_GE(result["elapsed_ms"].get<double>(), 1500);
+    EXPECT_EQ(result["content"]["body"], "Half price today");
+    EXPECT_TRUE(result["content"]["attachments"].empty());
+    // The metric went out before the content was handed over.
+    EXPECT_EQ(tracking_->received().size(), 1u);
+}
+
+TEST_F(VontuNseTernPush, APausedLibrarySendsNothingButStillDelivers) {
+    // The library keeps the end of the pause as seconds since 1970.
+    const double inAnHour = static_cast<double>(secondsNow()) + 3600.5;
+    auto written = defaults({"write", libraryGlobalSuite, "httpRequestsPauseEnds",
+                             json(inAnHour).dump()});
+    ASSERT_EQ(written.exitCode, 0) << written.err;
+    imageGate_->open();
+
+    auto result = output(nse({}, richPush()));
+    EXPECT_EQ(result["via"], "handler");
+    EXPECT_EQ(result["content"]["attachments"].size(), 1u);
+    EXPECT_TRUE(tracking_->received().empty());
+}
+
+TEST_F(VontuNseTernPush, OnSystem12TheLibraryIsNeverAsked) {
+    imageGate_->open();
+    auto result = output(nse({"--system-version", "12.0"}, richPush()));
+
+    // The mail path: a new-mail sound, and no communication before system 15.
+    EXPECT_EQ(result["via"], "handler");
+    EXPECT_EQ(result["content"]["sound"], (json{{"named", "notif.aiff"}}));
+    EXPECT_TRUE(result["content"]["communication"].is_null());
+    EXPECT_TRUE(result["content"]["attachments"].empty());
+    EXPECT_TRUE(images_->received().empty());
+    EXPECT_TRUE(tracking_->received().empty());
+    // The library was never initialised: it made no directory of its own.
+    EXPECT_FALSE(fs::exists(home_.path() / "apps" / "ios.vontu.NotificationService" / "support" /
+                            "dev.tern"));
+}
+
+}  // namespace
+}  // namespace vontu
