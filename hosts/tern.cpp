@@ -6,6 +6,7 @@
 // Like the other hosts, the main thread runs the platform's main loop while the command runs on
 // a thread of its own.
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
@@ -20,8 +21,13 @@
 #include "Common/queue/Metric.hpp"
 #include "Common/queue/Queue.hpp"
 #include "Common/queue/QueueStorage.hpp"
+#include "Common/util/Url.hpp"
 #include "TernTracking/Tern.hpp"
 #include "hosts/HostCommon.hpp"
+#include "messaging_push/MessagingPush.hpp"
+#include "messaging_push/NotificationOpen.hpp"
+#include "messaging_push_fcm/MessagingPushFCM.hpp"
+#include "platform/NotificationJson.hpp"
 #include "hosts/SettlingEnv.hpp"
 
 namespace {
@@ -61,13 +67,20 @@ struct TrackMetric {
     tern::Metric event;
     std::string deviceToken;
 };
+struct RegisterFcmToken {
+    std::string token;
+};
+// The user's response to a notification.
+struct OpenNotification {
+    platform::NotificationResponse response;
+};
 struct QueueStatusCommand {};
 struct QueueRun {};
 struct QueueDeleteExpired {};
 
 using Command = std::variant<Identify, ClearIdentify, TrackEvent, TrackScreen, RegisterToken,
-                             DeleteToken, ProfileAttributes, DeviceAttributes, TrackMetric,
-                             QueueStatusCommand, QueueRun, QueueDeleteExpired>;
+                             DeleteToken, RegisterFcmToken, ProfileAttributes, DeviceAttributes,
+                             TrackMetric, OpenNotification, QueueStatusCommand, QueueRun, QueueDeleteExpired>;
 
 struct Options {
     platform::linux_host::HostSettings settings;
@@ -123,6 +136,7 @@ std::string oneLine(std::string text) {
 struct Arguments {
     std::string identifier, name, token, json, deliveryId, event, deviceToken, file, action;
     std::optional<std::string> attributes, data, config;
+    std::vector<std::string> universalLinkHosts;
 };
 
 struct Subcommands {
@@ -237,14 +251,32 @@ std::expected<Command, UsageError> commandFromArguments(const Subcommands& comma
     if (commands.queueStatus->parsed()) return QueueStatusCommand{};
     if (commands.queueRun->parsed()) return QueueRun{};
     if (commands.queueDeleteExpired->parsed()) return QueueDeleteExpired{};
-    // The two commands whose modules this build leaves out.
-    if (commands.fcmToken->parsed()) {
-        return std::unexpected(UsageError{"fcm-token is not available in this build"});
-    }
+    if (commands.fcmToken->parsed()) return RegisterFcmToken{arguments.token};
     if (commands.open->parsed()) {
-        return std::unexpected(UsageError{"open is not available in this build"});
+        // The file holds a notification request in vontu-nse's input form.
+        auto file = hosts::readJsonInput(arguments.file);
+        if (!file) return std::unexpected(UsageError{file.error()});
+        auto request = platform::requestFromJson(*file);
+        if (!request) return std::unexpected(UsageError{request.error()});
+        platform::NotificationResponse response;
+        if (!arguments.action.empty()) response.actionIdentifier = arguments.action;
+        response.notification = std::move(*request);
+        return OpenNotification{std::move(response)};
     }
     return std::unexpected(UsageError{"no command given"});
+}
+
+// The app's answers to the links it is asked to open: https links to one of the given hosts
+// are its universal links; every other link goes to the system, which always opens it.
+void installAppLinkHandlers(platform::linux_host::HostSettings& settings,
+                            std::vector<std::string> universalLinkHosts) {
+    settings.continueUserActivity = [hosts = std::move(universalLinkHosts)](
+                                        const std::string& webpageUrl) {
+        const auto url = tern::Url::parse(webpageUrl);
+        if (!url || url->scheme() != "https") return false;
+        return std::find(hosts.begin(), hosts.end(), url->host()) != hosts.end();
+    };
+    settings.openUrl = [](const std::string&) { return true; };
 }
 
 // Reads the whole command line. Returns the exit code when the program is done already (help,
@@ -259,6 +291,8 @@ std::optional<int> parseCommandLine(int argc, char** argv, Options& options) {
     app.add_option("--config", arguments.config, "SDK configuration changes (a JSON object)");
     app.add_option("--bundle-id", options.settings.bundleIdentifier, "Bundle id of the app");
     app.add_flag("--flush", options.flush, "Run the queue after the command and wait for it");
+    app.add_option("--universal-link-host", arguments.universalLinkHosts,
+                   "A host whose https links the app takes as universal links (repeatable)");
     auto commands = addCommands(app, arguments);
     app.require_subcommand(1);
     // Words that name no command are collected, so that the error can name them.
@@ -293,6 +327,7 @@ std::optional<int> parseCommandLine(int argc, char** argv, Options& options) {
         return hosts::kExitBadInput;
     }
     options.command = std::move(*command);
+    installAppLinkHandlers(options.settings, arguments.universalLinkHosts);
     options.siteId = settingOrDefault(options.siteId, "TERN_SITE_ID", TERN_SITE_ID);
     options.apiKey = settingOrDefault(options.apiKey, "TERN_API_KEY", TERN_API_KEY);
     return std::nullopt;
@@ -356,6 +391,12 @@ void runCommand(const Command& command, tern::Tern& tern, tern::DIGraph& graph) 
         }
         void operator()(const RegisterToken& c) { tern.registerDeviceToken(c.token); }
         void operator()(const DeleteToken&) { tern.deleteDeviceToken(); }
+        void operator()(const RegisterFcmToken& c) {
+            tern::MessagingPushFCM::shared().registerDeviceToken(c.token);
+        }
+        void operator()(const OpenNotification& c) {
+            printLine(tern::handleNotificationOpen(c.response).toJson());
+        }
         void operator()(const ProfileAttributes& c) { tern.setProfileAttributes(c.attributes); }
         void operator()(const DeviceAttributes& c) { tern.setDeviceAttributes(c.attributes); }
         void operator()(const TrackMetric& c) {
@@ -373,6 +414,8 @@ void runCommand(const Command& command, tern::Tern& tern, tern::DIGraph& graph) 
 int initializeAndRun(const Options& options, hosts::SettlingEnv& env) {
     tern::Tern::initialize(options.siteId, options.apiKey, tern::getRegion(options.region),
                            [&options](tern::SdkConfig& config) { config.modify(options.config); });
+    // The app's push module: the FCM variant's set-up, which is the push module's own.
+    tern::MessagingPushFCM::initialize();
     auto tern = tern::Tern::shared();
     auto graph = tern->diGraph();
     // The start-up clean-up runs in the background: let it end before the queue is touched.

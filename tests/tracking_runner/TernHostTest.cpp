@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -158,6 +159,67 @@ TEST_F(TernHostTest, EachCommandSendsItsRequest) {
     EXPECT_EQ(queueStatus()["numTasksInQueue"], 0);
 }
 
+// A Tern push with the given link, written where `tern open` can read it.
+std::string writeTernPush(const vontu::testing::TempDir& dir, const std::string& name,
+                          const json& link) {
+    const json push = {{"aps", {{"alert", {{"title", "Sale"}, {"body", "Half price"}}}}},
+                       {"TERN-Delivery-ID", "dlv-7"},
+                       {"TERN-Delivery-Token", "tok-7"},
+                       {"TERN", {{"push", {{"link", link}}}}}};
+    const auto path = dir.path() / name;
+    std::ofstream(path) << push.dump();
+    return path.string();
+}
+
+TEST_F(TernHostTest, OpeningANotificationTracksItAndFollowsItsLink) {
+    const auto open = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), "open");
+        arguments.push_back("--flush");
+        const auto before = server.requests().size();
+        auto result = tern(arguments);
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        auto received = server.requests();
+        const std::string event =
+            received.size() == before + 1
+                ? json::parse(received.back().body, nullptr, false).value("event", "")
+                : "(" + std::to_string(received.size() - before) + " requests)";
+        return std::pair{json::parse(result.out, nullptr, false), event};
+    };
+    const auto link = writeTernPush(home, "link.json", "https://vontu.app/sale");
+
+    // A tap opens the link through the system unless the app takes it as a universal link.
+    auto [tapped, tapEvent] = open({link});
+    EXPECT_EQ(tapped, json({{"handled", true}, {"opened", "https://vontu.app/sale"},
+                            {"via", "system"}}));
+    EXPECT_EQ(tapEvent, "opened");
+    auto [universal, universalEvent] = open({link, "--universal-link-host", "vontu.app"});
+    EXPECT_EQ(universal["via"], "universal-link");
+    EXPECT_EQ(universalEvent, "opened");
+
+    // A custom action counts as delivered and opens nothing; so does a link that is no URL.
+    auto [replied, replyEvent] = open({link, "--action", "reply"});
+    EXPECT_EQ(replied, json({{"handled", true}, {"opened", nullptr}, {"via", nullptr}}));
+    EXPECT_EQ(replyEvent, "delivered");
+    auto [badLink, badLinkEvent] = open({writeTernPush(home, "bad.json", "not a link")});
+    EXPECT_EQ(badLink, json({{"handled", true}, {"opened", nullptr}, {"via", nullptr}}));
+    EXPECT_EQ(badLinkEvent, "opened");
+
+    // A push that is not Tern's is left to the app.
+    const auto mail = home.path() / "mail.json";
+    std::ofstream(mail) << R"({"aps":{"alert":"New mail"}})";
+    auto [notOurs, notOursEvent] = open({mail.string()});
+    EXPECT_EQ(notOurs, json({{"handled", false}, {"opened", nullptr}, {"via", nullptr}}));
+    EXPECT_EQ(notOursEvent, "(0 requests)");
+}
+
+TEST_F(TernHostTest, AnFcmTokenIsRegisteredAsTheDeviceToken) {
+    ASSERT_EQ(tern({"identify", "dana", "--flush"}).exitCode, 0);
+    auto registration = sentBy({"fcm-token", "fcm-abc"});
+    EXPECT_EQ(registration.method, "PUT");
+    EXPECT_EQ(registration.path, "/api/v1/customers/dana/devices");
+    EXPECT_EQ(json::parse(registration.body, nullptr, false)["device"]["id"], "fcm-abc");
+}
+
 TEST_F(TernHostTest, ATaskQueuedByOneRunIsSentByALaterRun) {
     auto queued = tern({"identify", "bob"});
     ASSERT_EQ(queued.exitCode, 0) << queued.err;
@@ -220,7 +282,8 @@ TEST_F(TernHostTest, BadUsageIsOneErrorLineAndExitTwoWithNothingQueued) {
         {"clear-identify", "extra"},
         {"metric", "dlv", "bounced", "tok"},
         {"track", "x", "--no-such-option"},
-        {"open", "push.json"},
+        {"open", "no-such-push.json"},
+        {"open", "--action"},
     };
     for (const auto& command : cases) {
         std::vector<std::string> arguments = {"--config", configText};
@@ -236,8 +299,8 @@ TEST_F(TernHostTest, BadUsageIsOneErrorLineAndExitTwoWithNothingQueued) {
     auto unreadableConfig = runWith({"--config", "{\"trackingApiUrl\":", "track", "x"});
     EXPECT_EQ(unreadableConfig.exitCode, 2);
     EXPECT_EQ(unreadableConfig.err, "tern: --config is not JSON\n");
-    auto open = runWith({"open", "push.json", "--action", "reply"});
-    EXPECT_EQ(open.err, "tern: open is not available in this build\n");
+    auto missingPush = runWith({"open", "no-such-push.json", "--action", "reply"});
+    EXPECT_EQ(missingPush.err, "tern: cannot read no-such-push.json\n");
 
     // Nothing reached the platform: no state, no queue, no request.
     EXPECT_FALSE(std::filesystem::exists(home.path() / "apps"));
