@@ -68,16 +68,32 @@ std::vector<QueueTaskMetadata> FileManagerQueueStorage::getInventory() {
     OperationLock hold(*this);
     auto data = fileStorage_->get(FileType::queueInventory, std::nullopt);
     if (!data) return {};
+    // A run reads the inventory several times per task, mostly unchanged since the last read.
+    if (decodedInventory_ && *data == decodedInventory_->bytes) return decodedInventory_->entries;
     auto inventory = jsonAdapter_->fromJson<std::vector<QueueTaskMetadata>>(*data, true);
     if (!inventory) return {};
+    decodedInventory_ = DecodedInventory{std::move(*data), *inventory};
     return std::move(*inventory);
 }
 
 bool FileManagerQueueStorage::saveInventory(const std::vector<QueueTaskMetadata>& inventory) {
     OperationLock hold(*this);
+    return writeInventory(inventory, false);
+}
+
+bool FileManagerQueueStorage::writeInventory(const std::vector<QueueTaskMetadata>& inventory,
+                                             bool entriesReadFromFile) {
     auto data = jsonAdapter_->toJson(inventory);
     if (!data) return false;
-    return fileStorage_->save(FileType::queueInventory, *data, std::nullopt);
+    if (!fileStorage_->save(FileType::queueInventory, *data, std::nullopt)) return false;
+    // Entries decoded from the file read back exactly as they are; others (a new entry's date
+    // has a fraction that the file drops) are decoded again on the next read.
+    if (entriesReadFromFile) {
+        decodedInventory_ = DecodedInventory{std::move(*data), inventory};
+    } else {
+        decodedInventory_.reset();
+    }
+    return true;
 }
 
 CreateQueueStorageTaskResult FileManagerQueueStorage::create(
@@ -141,7 +157,7 @@ bool FileManagerQueueStorage::deleteTask(const std::string& storageId) {
     });
     // The entry goes first: a task file without an entry is never read, while an entry
     // without its file would be.
-    if (!saveInventory(inventory)) return false;
+    if (!writeInventory(inventory, true)) return false;
     return fileStorage_->deleteFile(FileType::queueTask, storageId);
 }
 

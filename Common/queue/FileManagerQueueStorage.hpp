@@ -21,7 +21,8 @@ namespace tern {
 // of QueueTaskMetadata, oldest first) and each task is "queue/tasks/<storage id>.json", both
 // in the site's directory of the file storage and coded by the JSON adapter.
 //
-// The files are the state; this object keeps none. Every operation holds the process-wide
+// The files are the state; this object keeps only the last inventory it decoded, with the
+// bytes it was decoded from, and uses it only while the file still holds those bytes. Every operation holds the process-wide
 // queueStorage lock (so two storage objects of one process exclude each other, and operations
 // may call one another) and, inside it, the queue directory's lock (so other processes that
 // share the directory are kept out too). A file is always replaced whole, never rewritten in
@@ -49,6 +50,9 @@ private:
     // Both locks for the length of one operation, the in-process lock first.
     class OperationLock;
 
+    // Replaces the inventory file; entriesReadFromFile tells that every entry came from a read
+    // of the file, so the written bytes decode to exactly these entries.
+    bool writeInventory(const std::vector<QueueTaskMetadata>& inventory, bool entriesReadFromFile);
     // Writes the task file of task.storageId. False when encoding or writing fails.
     bool saveTask(const QueueTask& task);
     CreateQueueStorageTaskResult failedCreate(std::int64_t countBefore) const;
@@ -64,6 +68,13 @@ private:
     std::shared_ptr<DateUtil> dateUtil_;
     std::shared_ptr<Lock> lock_;
     QueueDirectoryLock directoryLock_;
+
+    struct DecodedInventory {
+        vontu::platform::Bytes bytes;
+        std::vector<QueueTaskMetadata> entries;
+    };
+    // Guarded by the operation lock.
+    std::optional<DecodedInventory> decodedInventory_;
 };
 
 }  // namespace tern

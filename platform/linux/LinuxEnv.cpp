@@ -177,8 +177,9 @@ std::expected<void, FileError> LinuxEnv::writeFile(const fs::path& path, const B
     }
     ::fchmod(::fileno(file), 0600);
     bool written = std::fwrite(contents.data(), 1, contents.size(), file) == contents.size();
+    // No fsync: the rename alone keeps readers from a torn file, and flushing to the device on
+    // every write (the queue rewrites its inventory per task) costs milliseconds each time.
     written = std::fflush(file) == 0 && written;
-    written = ::fsync(::fileno(file)) == 0 && written;
     int savedErrno = errno;
     written = std::fclose(file) == 0 && written;
     if (!written || std::rename(temporary.c_str(), path.c_str()) != 0) {
