@@ -14,6 +14,7 @@
 #include "tests/common/http/HttpTestSupport.hpp"
 #include "tests/support/Process.hpp"
 #include "tests/support/TempDir.hpp"
+#include "tests/support/TestCertificates.hpp"
 
 namespace vontu {
 namespace {
@@ -33,10 +34,10 @@ constexpr const char* pngBase64 =
 class VontuNseTernPush : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        const auto openssl = tern::testing::programOnPath("openssl");
+        const auto openssl = testing::programOnPath("openssl");
         if (!openssl) return;
         certificateDirectory_ = new testing::TempDir();
-        certificates_ = tern::testing::makeTestCertificates(
+        certificates_ = testing::makeTestCertificates(
             *openssl, certificateDirectory_->path(), trackingHost);
     }
     static void TearDownTestSuite() {
@@ -128,7 +129,7 @@ protected:
     }
 
     static inline testing::TempDir* certificateDirectory_ = nullptr;
-    static inline std::optional<tern::testing::TestCertificates> certificates_;
+    static inline std::optional<testing::TestCertificates> certificates_;
 
     testing::TempDir home_;
     std::shared_ptr<Gate> imageGate_ = std::make_shared<Gate>();

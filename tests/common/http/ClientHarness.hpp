@@ -45,6 +45,13 @@ struct ClientHarness {
                                     timer ? std::move(timer) : retryTimer, std::move(retryPolicy),
                                     userAgentUtil);
     }
+
+    // Whether a request carried the client's credentials and headers, or none of them.
+    void expectCredentials(const ReceivedRequest& request, bool expected) const {
+        EXPECT_EQ(request.header("Authorization"), expected ? std::optional<std::string>(testAuthorization) : std::nullopt);
+        EXPECT_EQ(request.header("Content-Type") == "application/json; charset=utf-8", expected);
+        EXPECT_EQ(request.header("User-Agent") == userAgentUtil->getUserAgentHeaderValue(), expected);
+    }
 };
 
 inline HttpRequestParams requestTo(const std::string& url, std::string method = "POST",

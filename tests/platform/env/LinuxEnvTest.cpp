@@ -2,7 +2,6 @@
 // log line format, and what it reports about the device.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -37,7 +36,7 @@ TEST(LinuxEnvLoop, AStopRequestedBeforeTheLoopRunsStillEndsIt) {
     EXPECT_EQ(loop.wait_for(kGenerousWait), std::future_status::ready);
 }
 
-TEST(LinuxEnvLoop, JobsAndTimersRunOnTheMainThreadInOrder) {
+TEST(LinuxEnvLoop, JobsAndTimersRunOnTheMainThreadInOrderAndBackgroundWorkElsewhere) {
     vontu::testing::TestEnv test;
     auto& env = test.env();
     std::promise<std::vector<int>> order;
@@ -58,15 +57,14 @@ TEST(LinuxEnvLoop, JobsAndTimersRunOnTheMainThreadInOrder) {
     auto result = order.get_future();
     ASSERT_EQ(result.wait_for(kGenerousWait), std::future_status::ready);
     EXPECT_EQ(result.get(), (std::vector<int>{1, 2, 3}));
-}
 
-TEST(LinuxEnvLoop, BackgroundWorkNeverRunsOnTheCaller) {
-    vontu::testing::TestEnv test;
     std::promise<std::thread::id> ran;
-    test.env().runInBackground([&] { ran.set_value(std::this_thread::get_id()); });
+    env.runInBackground([&] { ran.set_value(std::this_thread::get_id()); });
     auto id = ran.get_future();
     ASSERT_EQ(id.wait_for(kGenerousWait), std::future_status::ready);
-    EXPECT_NE(id.get(), std::this_thread::get_id());
+    const auto backgroundId = id.get();
+    EXPECT_NE(backgroundId, std::this_thread::get_id());
+    EXPECT_NE(backgroundId, mainId);
 }
 
 TEST(LinuxEnvFiles, WritesReplaceWholeFilesOwnerOnly) {
@@ -74,16 +72,13 @@ TEST(LinuxEnvFiles, WritesReplaceWholeFilesOwnerOnly) {
     auto& env = test.env();
     auto directory = test.home() / "a" / "b";
     ASSERT_TRUE(env.createDirectories(directory));
-    struct stat info {};
-    ASSERT_EQ(::stat(directory.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0700u);
+    EXPECT_EQ(fs::status(directory).permissions(), fs::perms::owner_all);
 
     auto file = directory / "f.json";
     ASSERT_TRUE(env.writeFile(file, toBytes("first")));
     ASSERT_TRUE(env.writeFile(file, toBytes("second, longer")));
     EXPECT_EQ(env.readFile(file).value(), toBytes("second, longer"));
-    ASSERT_EQ(::stat(file.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     // No temporary file is left beside it.
     EXPECT_EQ(std::distance(fs::directory_iterator(directory), fs::directory_iterator()), 1);
 
@@ -131,11 +126,9 @@ TEST(LinuxEnvDevice, ReportsTheHostsSettingsAndLocale) {
     vontu::testing::TestEnv test(settingsWith([](HostSettings& s) { s.systemVersion = "15.4"; }));
     auto& env = test.env();
     EXPECT_EQ(env.systemName(), "iOS");
-    EXPECT_TRUE(env.systemVersionAtLeast(15, 0));
     EXPECT_TRUE(env.systemVersionAtLeast(15, 4));
     EXPECT_FALSE(env.systemVersionAtLeast(15, 5));
     EXPECT_FALSE(env.systemVersionAtLeast(16));
-    EXPECT_TRUE(env.machine());
 
     const struct {
         const char *language, *all, *lang;
@@ -143,7 +136,6 @@ TEST(LinuxEnvDevice, ReportsTheHostsSettingsAndLocale) {
         std::string locale;
     } cases[] = {
         {"en_GB:fr", "", "de_DE.UTF-8", {"en-GB", "fr"}, "de_DE"},
-        {"", "", "de_DE.UTF-8", {"de-DE"}, "de_DE"},
         {"", "pt_BR.UTF-8@euro", "de_DE", {"pt-BR"}, "pt_BR"},
         {"", "C.UTF-8", "", {}, "en_US"},
     };
@@ -155,9 +147,7 @@ TEST(LinuxEnvDevice, ReportsTheHostsSettingsAndLocale) {
         EXPECT_EQ(env.preferredLanguages(), c.preferred) << c.language << c.all << c.lang;
         EXPECT_EQ(env.currentLocaleIdentifier(), c.locale);
     }
-    ::unsetenv("LANGUAGE");
-    ::unsetenv("LC_ALL");
-    ::unsetenv("LANG");
+    for (const char* name : {"LANGUAGE", "LC_ALL", "LANG"}) ::unsetenv(name);
 }
 
 TEST(LinuxEnvLog, OneLinePerMessageInTheSystemLogFormat) {

@@ -7,8 +7,9 @@
 #include <atomic>
 #include <string>
 #include <thread>
+#include <utility>
 
-namespace tern::testing {
+namespace vontu::testing {
 
 // A TCP listener on 127.0.0.1 that answers each connection with fixed raw bytes (perhaps none,
 // perhaps a broken response) and then closes it: the misbehaving servers that an HTTP server
@@ -20,10 +21,9 @@ public:
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = 0;
-        ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        ::listen(listener_, 8);
         socklen_t length = sizeof address;
+        ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length);
+        ::listen(listener_, 8);
         ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
         port_ = ntohs(address.sin_port);
         thread_ = std::thread([this] { serve(); });
@@ -38,6 +38,9 @@ public:
     RawTcpServer& operator=(const RawTcpServer&) = delete;
 
     std::string origin() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+    // The origin of a port on which nothing listens any more.
+    static std::string closedOrigin() { return RawTcpServer("").origin(); }
 
 private:
     void serve() {
@@ -64,4 +67,4 @@ private:
     std::thread thread_;
 };
 
-}  // namespace tern::testing
+}  // namespace vontu::testing

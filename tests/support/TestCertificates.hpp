@@ -1,0 +1,25 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace vontu::testing {
+
+// The first executable of that name on PATH.
+std::optional<std::filesystem::path> programOnPath(const std::string& name);
+
+// A throw-away CA and a server certificate for one host name signed by it.
+struct TestCertificates {
+    std::filesystem::path caCertificate;
+    std::filesystem::path serverCertificate;
+    std::filesystem::path serverKey;
+};
+
+// Makes them in directory with the openssl tool; absent, with a test failure added, when a
+// step fails.
+std::optional<TestCertificates> makeTestCertificates(const std::filesystem::path& openssl,
+                                                     const std::filesystem::path& directory,
+                                                     const std::string& hostName);
+
+}  // namespace vontu::testing
