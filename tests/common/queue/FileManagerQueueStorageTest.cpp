@@ -1,385 +1,425 @@
+// The queue's storage on real files: their exact contents, reading what other writers left,
+// failed writes, expiry, and the queue shared by several processes (the app and its extensions)
+// under the directory lock. Each child process is made with fork and works with a LinuxEnv of
+// its own over the shared state root, as a separate extension process would.
+
 #include "Common/queue/FileManagerQueueStorage.hpp"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
 #include <limits>
-#include <map>
 #include <memory>
+#include <optional>
 #include <regex>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Common/queue/LocalDateFormat.hpp"
-#include "Common/util/ConsoleLogger.hpp"
-#include "tests/common/queue/QueueTestSupport.hpp"
-#include "tests/common/util/RecordingEnv.hpp"
+#include "Common/queue/QueueDirectoryLock.hpp"
+#include "Common/storage/FileManagerFileStorage.hpp"
+#include "platform/linux/LinuxEnv.hpp"
+#include "tests/common/RecordingLogger.hpp"
+#include "tests/support/TempDir.hpp"
+#include "tests/support/TestEnv.hpp"
 
 namespace tern {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::FixedClock;
-using testing::readText;
-using testing::RecordingEnv;
-using testing::writeText;
+using testing::RecordingLogger;
 using vontu::platform::Date;
-using vontu::platform::LogType;
 using vontu::platform::toBytes;
+using Groups = std::optional<std::vector<QueueTaskGroup>>;
 
 constexpr const char* siteId = "site1";
-constexpr const char* linePrefix = "(siteid:site1) ";
 
-SdkConfig debugConfig(double expiredSeconds = 100.0) {
-    SdkConfig config;
-    config.logLevel = TernLogLevel::debug;
-    config.backgroundQueueExpiredSeconds = expiredSeconds;
-    return config;
+// A clock that stands still until the test moves it.
+class FixedClock final : public DateUtil {
+public:
+    vontu::platform::Date now() const override { return {seconds_.load()}; }
+    void set(double seconds) { seconds_.store(seconds); }
+
+private:
+    std::atomic<double> seconds_{1700000000.0};
+};
+
+// A queue storage over the real file storage of the current platform.
+std::shared_ptr<FileManagerQueueStorage> makeQueueStorage(const SdkConfig& config,
+                                                          std::shared_ptr<Logger> logger,
+                                                          std::shared_ptr<DateUtil> clock) {
+    return std::make_shared<FileManagerQueueStorage>(
+        std::make_shared<FileManagerFileStorage>(siteId, logger),
+        std::make_shared<JsonAdapter>(logger), siteId, config, logger, std::move(clock),
+        std::make_shared<LockManager>());
+}
+
+// A file of the site's queue directory on the current platform.
+fs::path queueFile(const std::string& name) {
+    return *vontu::platform::Env::current().applicationSupportDirectory() / "dev.tern" / siteId /
+           "queue" / name;
+}
+fs::path taskFile(const std::string& id) { return queueFile("tasks/" + id + ".json"); }
+
+std::string readText(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void writeText(const fs::path& path, const std::string& text) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
 class FileManagerQueueStorageTest : public ::testing::Test {
 protected:
-    std::shared_ptr<FileManagerQueueStorage> newStorage(SdkConfig config = debugConfig()) {
-        return testing::makeQueueStorage(
-            siteId, config, std::make_shared<ConsoleLogger>(siteId, config), clock, lockManager);
+    std::shared_ptr<FileManagerQueueStorage> newStorage(double expiredSeconds = 100.0) {
+        SdkConfig config;
+        config.backgroundQueueExpiredSeconds = expiredSeconds;
+        return makeQueueStorage(config, logger, clock);
+    }
+    CreateQueueStorageTaskResult create(const std::optional<QueueTaskGroup>& groupStart = {},
+                                        const Groups& blockingGroups = {}) {
+        return storage->create("trackEvent", toBytes("{}"), groupStart, blockingGroups);
+    }
+    std::size_t errorCount() const {
+        return logger->messages(RecordingLogger::Level::error).size();
     }
 
-    fs::path queueDirectory() const { return testing::queueDirectory(siteId); }
-    fs::path inventoryFile() const { return queueDirectory() / "inventory.json"; }
-    fs::path taskFile(const std::string& id) const {
-        return queueDirectory() / "tasks" / (id + ".json");
-    }
-
-    // The messages logged at a type since the test began, without the site prefix.
-    std::vector<std::string> messages(LogType type) const {
-        std::vector<std::string> selected;
-        for (const auto& line : env.logLines()) {
-            if (line.type != type) continue;
-            std::string message = line.message;
-            if (message.starts_with(linePrefix)) message.erase(0, std::string(linePrefix).size());
-            selected.push_back(message);
-        }
-        return selected;
-    }
-
-    RecordingEnv env;
+    vontu::testing::TestEnv testEnv;
+    std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
     std::shared_ptr<FixedClock> clock = std::make_shared<FixedClock>();
-    std::shared_ptr<LockManager> lockManager = std::make_shared<LockManager>();
     std::shared_ptr<FileManagerQueueStorage> storage = newStorage();
 };
 
-// --- The files, byte for byte
-
-TEST_F(FileManagerQueueStorageTest, CreateWritesTaskFileAndInventoryEntry) {
-    clock->set(1700000000.75);
-    auto result = storage->create("trackEvent", toBytes(R"({"name":"purchase"})"),
-                                  QueueTaskGroup::identifiedProfile("u1"),
-                                  std::vector{QueueTaskGroup::registeredPushToken("tok")});
-
-    ASSERT_TRUE(result.success);
-    ASSERT_TRUE(result.createdTask.has_value());
-    const std::string id = result.createdTask->taskPersistedId;
-    EXPECT_TRUE(std::regex_match(id, std::regex("[0-9A-F]{8}-([0-9A-F]{4}-){3}[0-9A-F]{12}")))
-        << id;
-    EXPECT_EQ(result.queueStatus, (QueueStatus{siteId, 1}));
-    EXPECT_EQ(*result.createdTask,
-              (QueueTaskMetadata{id, "trackEvent", "identified_profile_u1",
-                                 std::vector<std::string>{"registered_push_tokentok"},
-                                 Date{1700000000.0}}));
-
-    EXPECT_EQ(readText(inventoryFile()),
-              R"([{"created_at":1700000000,"group_member":["registered_push_tokentok"],)"
-              R"("group_start":"identified_profile_u1","task_persisted_id":")" +
-                  id + R"(","task_type":"trackEvent"}])");
-    EXPECT_EQ(readText(taskFile(id)),
-              R"({"data":"eyJuYW1lIjoicHVyY2hhc2UifQ==","run_results":{"total_runs":0},)"
-              R"("storage_id":")" +
-                  id + R"(","type":"trackEvent"})");
-}
-
-TEST_F(FileManagerQueueStorageTest, GroupKeysAreLeftOutOnlyWhenAbsent) {
-    struct Case {
-        std::optional<QueueTaskGroup> groupStart;
-        std::optional<std::vector<QueueTaskGroup>> blockingGroups;
-        std::string groupKeys;  // what the entry holds between "created_at" and the id
-    };
-    const std::vector<Case> cases = {
+TEST_F(FileManagerQueueStorageTest, CreateWritesTaskFileAndInventoryEntryByteForByte) {
+    const std::tuple<std::optional<QueueTaskGroup>, Groups, std::string> cases[] = {
+        // group start, blocking groups, what the entry holds between "created_at" and the id
+        {QueueTaskGroup::identifiedProfile("u1"),
+         std::vector{QueueTaskGroup::registeredPushToken("t"),
+                     QueueTaskGroup::identifiedProfile("a")},
+         R"("group_member":["registered_push_tokent","identified_profile_a"],)"
+         R"("group_start":"identified_profile_u1",)"},
         {std::nullopt, std::nullopt, ""},
         {std::nullopt, std::vector<QueueTaskGroup>{}, R"("group_member":[],)"},
-        {QueueTaskGroup::registeredPushToken("t"), std::nullopt,
-         R"("group_start":"registered_push_tokent",)"},
-        {std::nullopt,
-         std::vector{QueueTaskGroup::identifiedProfile("b"),
-                     QueueTaskGroup::identifiedProfile("a")},
-         R"("group_member":["identified_profile_b","identified_profile_a"],)"},
     };
+    clock->set(1700000000.75);  // stored as whole seconds
     std::string expected = "[";
-    for (std::size_t i = 0; i < cases.size(); ++i) {
-        auto result = storage->create("identifyProfile", toBytes("{}"), cases[i].groupStart,
-                                      cases[i].blockingGroups);
-        ASSERT_TRUE(result.success) << i;
-        EXPECT_EQ(result.queueStatus.numTasksInQueue, static_cast<std::int64_t>(i + 1));
-        if (i > 0) expected += ",";
-        expected += R"({"created_at":1700000000,)" + cases[i].groupKeys +
-                    R"("task_persisted_id":")" + result.createdTask->taskPersistedId +
-                    R"(","task_type":"identifyProfile"})";
+    for (const auto& [groupStart, blockingGroups, groupKeys] : cases) {
+        SCOPED_TRACE(groupKeys);
+        auto result = create(groupStart, blockingGroups);
+        ASSERT_TRUE(result.success && result.createdTask);
+        const std::string id = result.createdTask->taskPersistedId;
+        EXPECT_TRUE(std::regex_match(id, std::regex("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}")));
+        EXPECT_EQ(result.createdTask->createdAt, Date{1700000000.0});
+        EXPECT_EQ(readText(taskFile(id)), R"({"data":"e30=","run_results":{"total_runs":0},)"
+                                          R"("storage_id":")" + id + R"(","type":"trackEvent"})");
+        expected += std::string(expected.size() > 1 ? "," : "") + R"({"created_at":1700000000,)" +
+                    groupKeys + R"("task_persisted_id":")" + id + R"(","task_type":"trackEvent"})";
     }
-    EXPECT_EQ(readText(inventoryFile()), expected + "]");
+    EXPECT_EQ(readText(queueFile("inventory.json")), expected + "]");
+    EXPECT_EQ(create().queueStatus, (QueueStatus{siteId, 4}));
 }
 
-// --- Operations
-
-TEST_F(FileManagerQueueStorageTest, GetUpdateAndDeleteATask) {
-    auto first = storage->create("trackEvent", toBytes("a"), std::nullopt, std::nullopt);
-    auto second = storage->create("trackEvent", toBytes("b"), std::nullopt, std::nullopt);
-    ASSERT_TRUE(first.success && second.success);
+TEST_F(FileManagerQueueStorageTest, GetUpdateAndDeleteKnownAndUnknownTasks) {
+    EXPECT_TRUE(storage->getInventory().empty());
+    EXPECT_FALSE(storage->deleteTask("NOPE"));  // writes the empty inventory, finds no file
+    EXPECT_EQ(readText(queueFile("inventory.json")), "[]");
+    auto first = create();
+    auto second = create();
     const std::string id = first.createdTask->taskPersistedId;
+    EXPECT_EQ(storage->get(id), (QueueTask{id, "trackEvent", toBytes("{}"), {0}}));
 
-    EXPECT_EQ(storage->get(id), (QueueTask{id, "trackEvent", toBytes("a"), {0}}));
-
-    const std::string inventoryBefore = readText(inventoryFile());
+    const std::string inventoryBefore = readText(queueFile("inventory.json"));
     ASSERT_TRUE(storage->update(id, QueueTaskRunResults{3}));
     EXPECT_EQ(storage->get(id)->runResults.totalRuns, 3);
-    EXPECT_EQ(readText(inventoryFile()), inventoryBefore);
-
-    ASSERT_TRUE(storage->deleteTask(id));
-    EXPECT_FALSE(fs::exists(taskFile(id)));
-    EXPECT_EQ(storage->getInventory(), std::vector{*second.createdTask});
-    EXPECT_EQ(storage->get(id), std::nullopt);
-}
-
-TEST_F(FileManagerQueueStorageTest, UnknownIds) {
-    auto kept = storage->create("trackEvent", toBytes("a"), std::nullopt, std::nullopt);
-    ASSERT_TRUE(kept.success);
-    const std::string inventoryBefore = readText(inventoryFile());
-
-    EXPECT_EQ(storage->get("NOPE"), std::nullopt);
+    EXPECT_EQ(readText(queueFile("inventory.json")), inventoryBefore);
     EXPECT_FALSE(storage->update("NOPE", QueueTaskRunResults{1}));
     EXPECT_FALSE(fs::exists(taskFile("NOPE")));
 
-    // The unchanged inventory is written again (the spaced-out copy comes back compact), and
-    // removing the missing file fails.
-    writeText(inventoryFile(), "[ " + inventoryBefore.substr(1));
-    EXPECT_FALSE(storage->deleteTask("NOPE"));
-    EXPECT_EQ(readText(inventoryFile()), inventoryBefore);
-    EXPECT_EQ(storage->getInventory(), std::vector{*kept.createdTask});
-}
+    ASSERT_TRUE(storage->deleteTask(id));
+    EXPECT_FALSE(fs::exists(taskFile(id)));
+    EXPECT_EQ(storage->get(id), std::nullopt);
+    EXPECT_EQ(storage->getInventory(), std::vector{*second.createdTask});
 
-TEST_F(FileManagerQueueStorageTest, MissingInventoryReadsAsEmpty) {
-    EXPECT_TRUE(storage->getInventory().empty());
-    EXPECT_FALSE(storage->deleteTask("NOPE"));
-    EXPECT_EQ(readText(inventoryFile()), "[]");
-}
+    // Another writer's inventory of the same length replaces what this storage last saw.
+    const std::string saved = readText(queueFile("inventory.json"));
+    std::string rewritten = saved;
+    const auto idAt = rewritten.find(second.createdTask->taskPersistedId);
+    ASSERT_NE(idAt, std::string::npos);
+    rewritten[idAt] = rewritten[idAt] == 'f' ? 'e' : 'f';
+    writeText(queueFile("inventory.json"), rewritten);
+    ASSERT_EQ(storage->getInventory().size(), 1u);
+    EXPECT_NE(storage->getInventory()[0].taskPersistedId, second.createdTask->taskPersistedId);
+    writeText(queueFile("inventory.json"), saved);
 
-TEST_F(FileManagerQueueStorageTest, UnreadableInventoryReadsAsEmptyAndIsReplacedByTheNextCreate) {
-    const std::vector<std::string> contents = {
-        "",
-        "not json",
-        "{}",
-        R"([{"task_type":"trackEvent","created_at":1}])",
-        R"([{"task_persisted_id":"A","task_type":"trackEvent","created_at":"yesterday"}])",
-        R"([{"task_persisted_id":"A","task_type":"trackEvent","created_at":1,"group_member":"x"}])",
-        "[\xff]",
-    };
-    for (const auto& text : contents) {
-        writeText(inventoryFile(), text);
-        const auto errorsBefore = messages(LogType::error).size();
-        EXPECT_TRUE(storage->getInventory().empty()) << text;
-        EXPECT_EQ(messages(LogType::error).size(), errorsBefore + 1) << text;
-
-        auto result = storage->create("trackEvent", toBytes("{}"), std::nullopt, std::nullopt);
-        ASSERT_TRUE(result.success) << text;
-        EXPECT_EQ(result.queueStatus.numTasksInQueue, 1) << text;
-        EXPECT_EQ(storage->getInventory(), std::vector{*result.createdTask}) << text;
+    // A task file that cannot be read is absent, and an update leaves it as it is.
+    const std::string secondId = second.createdTask->taskPersistedId;
+    for (const std::string text : {"[]", R"({"data":"e30=","storage_id":"X","type":"t"})"}) {
+        writeText(taskFile(secondId), text);
+        EXPECT_EQ(storage->get(secondId), std::nullopt) << text;
+        EXPECT_FALSE(storage->update(secondId, QueueTaskRunResults{1})) << text;
+        EXPECT_EQ(readText(taskFile(secondId)), text);
     }
 }
 
-TEST_F(FileManagerQueueStorageTest, UnreadableTaskFileReadsAsAbsent) {
-    auto created = storage->create("trackEvent", toBytes("{}"), std::nullopt, std::nullopt);
-    ASSERT_TRUE(created.success);
-    const std::string id = created.createdTask->taskPersistedId;
-    const std::vector<std::string> contents = {
-        "",
-        "[]",
-        R"({"data":"not base64!","run_results":{"total_runs":0},"storage_id":"X","type":"t"})",
-        R"({"data":"","run_results":{},"storage_id":"X","type":"t"})",
-    };
-    for (const auto& text : contents) {
-        writeText(taskFile(id), text);
-        EXPECT_EQ(storage->get(id), std::nullopt) << text;
-        EXPECT_FALSE(storage->update(id, QueueTaskRunResults{1})) << text;
-        EXPECT_EQ(readText(taskFile(id)), text);
+TEST_F(FileManagerQueueStorageTest, InventoryOfOtherWritersIsReadAndUnreadableOneReadsAsEmpty) {
+    // Fractional dates, null group keys and unknown keys are all read.
+    writeText(queueFile("inventory.json"),
+              R"([{"created_at":12.5,"group_member":null,"group_start":null,"extra":true,)"
+              R"("task_persisted_id":"A","task_type":"t"}])");
+    EXPECT_EQ(storage->getInventory(),
+              (std::vector{QueueTaskMetadata{"A", "t", std::nullopt, std::nullopt, Date{12.5}}}));
+    EXPECT_EQ(errorCount(), 0u);
+
+    for (const std::string text : {
+             "not json", "{}", R"([{"task_type":"trackEvent","created_at":1}])",
+             R"([{"task_persisted_id":"A","task_type":"t","created_at":1,"group_member":"x"}])"}) {
+        SCOPED_TRACE(text);
+        writeText(queueFile("inventory.json"), text);
+        const auto errorsBefore = errorCount();
+        EXPECT_TRUE(storage->getInventory().empty());
+        EXPECT_EQ(errorCount(), errorsBefore + 1);
+        auto result = create();  // starts the inventory afresh
+        EXPECT_EQ(result.queueStatus.numTasksInQueue, 1);
+        EXPECT_EQ(storage->getInventory(), std::vector{*result.createdTask});
     }
 }
 
 TEST_F(FileManagerQueueStorageTest, FailedWritesReportTheCountFromBefore) {
-    ASSERT_TRUE(storage->create("trackEvent", toBytes("{}"), std::nullopt, std::nullopt).success);
-    const std::string inventoryBefore = readText(inventoryFile());
-    const CreateQueueStorageTaskResult failure{false, QueueStatus{siteId, 1}, std::nullopt};
+    ASSERT_TRUE(create().success);
+    const std::string inventoryBefore = readText(queueFile("inventory.json"));
 
     // The task directory cannot be made: nothing is written at all.
-    fs::rename(queueDirectory() / "tasks", queueDirectory() / "tasks.saved");
-    writeText(queueDirectory() / "tasks", "in the way");
-    EXPECT_EQ(storage->create("trackEvent", toBytes("{}"), std::nullopt, std::nullopt), failure);
-    EXPECT_EQ(readText(inventoryFile()), inventoryBefore);
-    fs::remove(queueDirectory() / "tasks");
-    fs::rename(queueDirectory() / "tasks.saved", queueDirectory() / "tasks");
+    fs::rename(queueFile("tasks"), queueFile("tasks.saved"));
+    writeText(queueFile("tasks"), "in the way");
+    EXPECT_EQ(create(), (CreateQueueStorageTaskResult{false, QueueStatus{siteId, 1}, {}}));
+    EXPECT_EQ(readText(queueFile("inventory.json")), inventoryBefore);
+    fs::remove(queueFile("tasks"));
+    fs::rename(queueFile("tasks.saved"), queueFile("tasks"));
 
     // The inventory cannot be replaced: the task file stays behind, unlisted.
-    fs::rename(inventoryFile(), queueDirectory() / "inventory.saved");
-    fs::create_directory(inventoryFile());
-    const auto filesBefore = std::distance(fs::directory_iterator(queueDirectory() / "tasks"), {});
-    EXPECT_EQ(storage->create("trackEvent", toBytes("{}"), std::nullopt, std::nullopt),
-              (CreateQueueStorageTaskResult{false, QueueStatus{siteId, 0}, std::nullopt}));
-    EXPECT_EQ(std::distance(fs::directory_iterator(queueDirectory() / "tasks"), {}),
-              filesBefore + 1);
+    fs::rename(queueFile("inventory.json"), queueFile("inventory.saved"));
+    fs::create_directory(queueFile("inventory.json"));
+    EXPECT_EQ(create(), (CreateQueueStorageTaskResult{false, QueueStatus{siteId, 0}, {}}));
+    EXPECT_EQ(std::distance(fs::directory_iterator(queueFile("tasks")), {}), 2);
 }
 
-// A file storage whose inventory writes claim success but change nothing.
-class InventoryDroppingFileStorage final : public FileStorage {
-public:
-    explicit InventoryDroppingFileStorage(std::shared_ptr<FileStorage> real)
-        : real_(std::move(real)) {}
-    bool save(FileType type, const vontu::platform::Bytes& contents,
-              const std::optional<std::string>& fileId) override {
-        return type == FileType::queueInventory || real_->save(type, contents, fileId);
-    }
-    std::optional<vontu::platform::Bytes> get(FileType type,
-                                              const std::optional<std::string>& fileId) override {
-        return real_->get(type, fileId);
-    }
-    bool deleteFile(FileType type, const std::string& fileId) override {
-        return real_->deleteFile(type, fileId);
-    }
-
-private:
-    std::shared_ptr<FileStorage> real_;
-};
-
-TEST_F(FileManagerQueueStorageTest, CreateChecksThatTheEntryWasStored) {
-    auto config = debugConfig();
-    auto logger = std::make_shared<ConsoleLogger>(siteId, config);
-    FileManagerQueueStorage dropping(std::make_shared<InventoryDroppingFileStorage>(
-                                         std::make_shared<FileManagerFileStorage>(siteId, logger)),
-                                     std::make_shared<JsonAdapter>(logger), siteId, config, logger,
-                                     clock, lockManager);
-
-    auto result = dropping.create("trackEvent", toBytes("{}"), std::nullopt, std::nullopt);
-    EXPECT_EQ(result, (CreateQueueStorageTaskResult{false, QueueStatus{siteId, 0}, std::nullopt}));
-    auto errors = messages(LogType::error);
-    ASSERT_FALSE(errors.empty());
-    EXPECT_THAT(
-        errors.back(),
-        ::testing::MatchesRegex("🛑 expected to find task QueueTaskMetadata\\(taskPersistedId: "
-                                "\"[0-9A-F-]{36}\", taskType: \"trackEvent\", groupStart: "
-                                "nil, groupMember: nil, createdAt: 2023-11-14 22:13:20 "
-                                "\\+0000\\) to be in the inventory but it wasn't"));
-}
-
-// --- Expiry
-
-TEST_F(FileManagerQueueStorageTest, DeleteExpiredKeepsGroupOpenersAndTasksAtTheThreshold) {
+TEST_F(FileManagerQueueStorageTest, ExpiredTasksAreDeletedButGroupOpenersStay) {
     const double now = 1700000000.0;  // expiry 100 s: the threshold is now - 100
-    struct Task {
-        std::string name;
-        double createdAt;
-        bool opensGroup;
-        bool expires;
+    const auto group = QueueTaskGroup::identifiedProfile("u");
+    auto createdAt = [&](double seconds, const std::optional<QueueTaskGroup>& groupStart = {},
+                         const Groups& blockingGroups = {}) {
+        clock->set(seconds);
+        return *create(groupStart, blockingGroups).createdTask;
     };
-    const std::vector<Task> tasks = {
-        {"older", now - 101, false, true},
-        {"groupOpener", now - 5000, true, false},
-        {"groupMember", now - 5000, false, true},
-        {"atThreshold", now - 100, false, false},
-        {"fresh", now, false, false},
-    };
-    std::map<std::string, QueueTaskMetadata> entries;
-    for (const auto& task : tasks) {
-        clock->set(task.createdAt);
-        std::optional<QueueTaskGroup> groupStart;
-        std::optional<std::vector<QueueTaskGroup>> blocking;
-        if (task.opensGroup) groupStart = QueueTaskGroup::identifiedProfile("u");
-        if (task.name == "groupMember")
-            blocking = std::vector{QueueTaskGroup::identifiedProfile("u")};
-        auto result = storage->create(task.name, toBytes("{}"), groupStart, blocking);
-        ASSERT_TRUE(result.success);
-        entries.emplace(task.name, *result.createdTask);
-    }
+    const auto older = createdAt(now - 101);
+    const auto opener = createdAt(now - 5000, group);
+    const auto member = createdAt(now - 5000, std::nullopt, std::vector{group});
+    const auto atThreshold = createdAt(now - 100);
+    const auto fresh = createdAt(now);
     clock->set(now);
 
     auto deleted = storage->deleteExpired();
 
-    std::set<std::string> deletedNames;
-    for (const auto& entry : deleted) deletedNames.insert(entry.taskType);
-    EXPECT_EQ(deletedNames, (std::set<std::string>{"older", "groupMember"}));
-    std::vector<QueueTaskMetadata> remaining;
-    for (const auto& task : tasks) {
-        const auto& entry = entries.at(task.name);
-        EXPECT_EQ(fs::exists(taskFile(entry.taskPersistedId)), !task.expires) << task.name;
-        if (!task.expires) remaining.push_back(entry);
-    }
-    EXPECT_EQ(storage->getInventory(), remaining);
+    std::set<std::string> deletedIds;
+    for (const auto& entry : deleted) deletedIds.insert(entry.taskPersistedId);
+    EXPECT_EQ(deletedIds, (std::set{older.taskPersistedId, member.taskPersistedId}));
+    EXPECT_EQ(storage->getInventory(), (std::vector{opener, atThreshold, fresh}));
+    EXPECT_FALSE(fs::exists(taskFile(older.taskPersistedId)));
+    EXPECT_FALSE(fs::exists(taskFile(member.taskPersistedId)));
+    EXPECT_TRUE(fs::exists(taskFile(opener.taskPersistedId)));
 
-    auto debug = messages(LogType::debug);
-    ASSERT_GE(debug.size(), 3u);
-    std::vector<std::string> last(debug.end() - 3, debug.end());
-    EXPECT_EQ(last[0], "deleting expired tasks from the queue");
-    EXPECT_EQ(last[1], "deleting tasks older then " + formatLocalTimestamp(Date{now - 100}) +
-                           ",\ncurrent time is: " + formatLocalTimestamp(Date{now}));
-    EXPECT_EQ(last[2], "deleting 2 tasks. \n Tasks: [" + deleted[0].description() + ", " +
-                           deleted[1].description() + "]");
-}
-
-TEST_F(FileManagerQueueStorageTest, DeleteExpiredOfAnEmptyQueueDeletesNothing) {
-    EXPECT_TRUE(storage->deleteExpired().empty());
-    auto debug = messages(LogType::debug);
-    ASSERT_FALSE(debug.empty());
-    EXPECT_EQ(debug.back(), "deleting 0 tasks. \n Tasks: []");
-}
-
-TEST_F(FileManagerQueueStorageTest,
-       ExpiryIsTruncatedToWholeSecondsAndUnusableExpiryDeletesNothing) {
-    clock->set(1000.0);
-    auto created = storage->create("t", toBytes("{}"), std::nullopt, std::nullopt);
-    ASSERT_TRUE(created.success);
-    clock->set(1100.5);
-
-    EXPECT_TRUE(newStorage(debugConfig(101.0))->deleteExpired().empty());
+    // The expiry counts in whole seconds, and one that names no span of time deletes nothing.
+    clock->set(now + 0.5);
+    EXPECT_TRUE(newStorage(101.0)->deleteExpired().empty());
     for (double unusable : {std::numeric_limits<double>::infinity(),
                             std::numeric_limits<double>::quiet_NaN(), 1e19, -1e19}) {
-        EXPECT_TRUE(newStorage(debugConfig(unusable))->deleteExpired().empty()) << unusable;
-        EXPECT_EQ(storage->getInventory().size(), 1u);
+        const auto errorsBefore = errorCount();
+        EXPECT_TRUE(newStorage(unusable)->deleteExpired().empty()) << unusable;
+        EXPECT_EQ(errorCount(), errorsBefore + 1) << unusable;
     }
-    // 100.9 counts as 100: the threshold is 1000.5, after the task's 1000.
-    EXPECT_EQ(newStorage(debugConfig(100.9))->deleteExpired(), std::vector{*created.createdTask});
+    // 100.9 counts as 100: the threshold is now - 99.5, after atThreshold's now - 100.
+    EXPECT_EQ(newStorage(100.9)->deleteExpired(), std::vector{atThreshold});
 }
 
-// --- Threads of one process
+// --- Processes sharing the queue
 
-TEST_F(FileManagerQueueStorageTest, ConcurrentCreatesFromTwoStorageObjectsLoseNothing) {
-    auto other = newStorage();
-    constexpr int perThread = 20;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        auto* target = t % 2 == 0 ? storage.get() : other.get();
-        threads.emplace_back([target, t] {
-            for (int i = 0; i < perThread; ++i) {
-                target->create("thread" + std::to_string(t), toBytes("{}"), std::nullopt,
-                               std::nullopt);
-            }
-        });
+// A pipe whose ends are closed with the object.
+class Pipe {
+public:
+    Pipe() { [[maybe_unused]] int result = ::pipe2(fds_, O_CLOEXEC); }
+    ~Pipe() {
+        closeEnd(0);
+        closeEnd(1);
     }
-    for (auto& thread : threads) thread.join();
+    void closeEnd(int end) {
+        if (fds_[end] >= 0) ::close(fds_[end]);
+        fds_[end] = -1;
+    }
+    void writeByte() const { [[maybe_unused]] auto written = ::write(fds_[1], "x", 1); }
+    // True once the other end writes a byte; false when it closes or after 60 s.
+    bool readByte() const {
+        pollfd poller{fds_[0], POLLIN, 0};
+        char byte = 0;
+        return ::poll(&poller, 1, 60'000) == 1 && ::read(fds_[0], &byte, 1) == 1;
+    }
 
-    auto inventory = storage->getInventory();
-    EXPECT_EQ(inventory.size(), 4u * perThread);
+private:
+    int fds_[2] = {-1, -1};
+};
+
+// A child process running body, whose result is its exit status. Killed and reaped with the
+// object if still running.
+class ForkedChild {
+public:
+    explicit ForkedChild(const std::function<int()>& body) : pid_(::fork()) {
+        if (pid_ == 0) ::_exit(body());
+        if (pid_ > 0) pidfd_ = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
+    }
+    ~ForkedChild() {
+        if (pid_ > 0 && !reaped_) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+        if (pidfd_ >= 0) ::close(pidfd_);
+    }
+    void kill(int signal) const {
+        if (pid_ > 0) ::kill(pid_, signal);
+    }
+    // The exit status (128 + signal for a killed child); absent if still running after 60 s.
+    std::optional<int> waitForExit() {
+        pollfd poller{pidfd_, POLLIN, 0};
+        int status = 0;
+        if (::poll(&poller, 1, 60'000) != 1 || ::waitpid(pid_, &status, 0) != pid_) return {};
+        reaped_ = true;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+private:
+    pid_t pid_;
+    int pidfd_ = -1;
+    bool reaped_ = false;
+};
+
+// One process's view of the shared queue: a platform of its own over the state root, installed
+// as the Env while the object lives, and a storage on it.
+struct QueueProcess {
+    explicit QueueProcess(const fs::path& home) : env(settingsFor(home)) {
+        vontu::platform::Env::setCurrent(&env);
+        storage = makeQueueStorage(SdkConfig{}, logger, std::make_shared<FixedClock>());
+    }
+    ~QueueProcess() {
+        storage.reset();
+        vontu::platform::Env::setCurrent(previous);
+    }
+    static vontu::platform::linux_host::HostSettings settingsFor(const fs::path& home) {
+        vontu::platform::linux_host::HostSettings settings;
+        settings.home = home;
+        return settings;
+    }
+
+    vontu::platform::Env* const previous = vontu::platform::Env::installed();
+    vontu::platform::linux_host::LinuxEnv env;
+    std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
+    std::shared_ptr<FileManagerQueueStorage> storage;
+};
+
+// One writer creates its tasks while another is killed in the middle of its writes. Files are
+// replaced whole, so nothing is lost or half-written, and the dead process's lock goes with it.
+TEST(QueueStorageProcessesTest, ProcessesWritingAtOnceLoseNoEntryEvenWhenOneIsKilled) {
+    vontu::testing::TempDir home;
+    auto writeTasks = [&home](const std::string& type, int count, Pipe* progress) {
+        if (progress != nullptr) progress->closeEnd(0);
+        QueueProcess process(home.path());
+        for (int i = 0; i < count; ++i) {
+            if (!process.storage->create(type, toBytes("{}"), {}, {}).success) return 1;
+            if (progress != nullptr) progress->writeByte();
+        }
+        return 0;
+    };
+    Pipe progress;
+    ForkedChild killed([&] { return writeTasks("killed", 100000, &progress); });
+    ForkedChild writer([&] { return writeTasks("writer", 50, nullptr); });
+    progress.closeEnd(1);
+    for (int i = 0; i < 25; ++i) ASSERT_TRUE(progress.readByte()) << i;
+    killed.kill(SIGKILL);
+    EXPECT_EQ(killed.waitForExit(), 128 + SIGKILL);
+    EXPECT_EQ(writer.waitForExit(), 0);
+
+    QueueProcess parent(home.path());
+    auto inventory = parent.storage->getInventory();
+    EXPECT_TRUE(parent.logger->lines().empty());
     std::set<std::string> ids;
-    for (const auto& entry : inventory) ids.insert(entry.taskPersistedId);
+    for (const auto& entry : inventory) {
+        ids.insert(entry.taskPersistedId);
+        auto task = parent.storage->get(entry.taskPersistedId);
+        ASSERT_TRUE(task.has_value()) << entry.description();
+        EXPECT_EQ(task->type, entry.taskType);
+    }
     EXPECT_EQ(ids.size(), inventory.size());
+    EXPECT_EQ(std::ranges::count(inventory, "writer", &QueueTaskMetadata::taskType), 50);
+    EXPECT_GE(std::ranges::count(inventory, "killed", &QueueTaskMetadata::taskType), 25);
+    auto result = parent.storage->create("after", toBytes("{}"), {}, {});
+    EXPECT_EQ(result.queueStatus.numTasksInQueue, static_cast<std::int64_t>(inventory.size() + 1));
+}
+
+// True when a process other than this one can take the file lock right now.
+bool lockableFromAnotherProcess(const fs::path& lockFile) {
+    ForkedChild probe([&] {
+        int fd = ::open(lockFile.c_str(), O_RDWR | O_CLOEXEC);
+        return fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) == 0 ? 0 : 1;
+    });
+    return probe.waitForExit() == 0;
+}
+
+TEST(QueueDirectoryLockTest, HeldFromTheOutermostTakeToTheOutermostRelease) {
+    vontu::testing::TempDir home;
+    QueueProcess process(home.path());
+    QueueDirectoryLock lock(siteId, process.logger);
+    QueueDirectoryLock sameDirectory(siteId, process.logger);
+    const auto lockFile = lock.lockFilePath();
+    ASSERT_EQ(lockFile, queueFile(".lock"));
+
+    lock.lock();
+    lock.lock();
+    sameDirectory.lock();  // the same thread, through another object: no self-deadlock
+    EXPECT_FALSE(lockableFromAnotherProcess(*lockFile));
+    sameDirectory.unlock();
+    lock.unlock();
+    EXPECT_FALSE(lockableFromAnotherProcess(*lockFile));
+    lock.unlock();
+    EXPECT_TRUE(lockableFromAnotherProcess(*lockFile));
+    EXPECT_TRUE(process.logger->lines().empty());
+}
+
+TEST(QueueDirectoryLockTest, UnopenableLockFileIsReportedOnceAndOperationsGoOn) {
+    vontu::testing::TempDir home;
+    QueueProcess process(home.path());
+    fs::create_directories(queueFile(".lock"));  // a directory: no file
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(process.storage->create("t", toBytes("{}"), {}, {}).success);
+    }
+    EXPECT_EQ(process.storage->getInventory().size(), 3u);
+    std::vector<std::string> lockErrors;  // the first create also reports the missing inventory
+    for (const auto& error : process.logger->messages(RecordingLogger::Level::error)) {
+        if (error.starts_with("queue directory lock unavailable")) lockErrors.push_back(error);
+    }
+    ASSERT_EQ(lockErrors.size(), 1u);
+    EXPECT_TRUE(lockErrors[0].ends_with("Is a directory")) << lockErrors[0];
 }
 
 }  // namespace
