@@ -5,18 +5,15 @@
 namespace tern {
 namespace {
 
-TEST(TernApiEndpointTest, methodsAndPaths) {
+// Paths of the calls that the tracking tests make are checked there, against a server.
+TEST(TernApiEndpointTest, MethodsAndPaths) {
     struct Case {
         TernApiEndpoint endpoint;
         std::string_view method;
         std::string path;
     };
     const Case cases[] = {
-        {TernApiEndpoint::identifyCustomer("abc"), "PUT", "/api/v1/customers/abc"},
-        {TernApiEndpoint::registerDevice("abc"), "PUT", "/api/v1/customers/abc/devices"},
-        {TernApiEndpoint::deleteDevice("abc", "tok"), "DELETE",
-         "/api/v1/customers/abc/devices/tok"},
-        {TernApiEndpoint::trackCustomerEvent("abc"), "POST", "/api/v1/customers/abc/events"},
+        {TernApiEndpoint::deleteDevice("abc", "tok"), "DELETE", "/api/v1/customers/abc/devices/tok"},
         {TernApiEndpoint::findAccountRegion(), "GET", "/api/v1/accounts/region"},
         {TernApiEndpoint::pushMetrics(), "POST", "/push/events"},
         {TernApiEndpoint::trackDeliveryMetrics(), "POST", "/api/v1/tern_deliveries/events"},
@@ -27,12 +24,8 @@ TEST(TernApiEndpointTest, methodsAndPaths) {
     }
 }
 
-TEST(TernApiEndpointTest, getUrlStringDropsOneTrailingSlashOfTheBase) {
-    struct Case {
-        std::string base;
-        std::string expected;
-    };
-    const Case cases[] = {
+TEST(TernApiEndpointTest, UrlsJoinTheBaseWithoutOneTrailingSlash) {
+    const std::pair<std::string, std::string> cases[] = {
         {"https://track.example", "https://track.example/push/events"},
         {"https://track.example/", "https://track.example/push/events"},
         {"https://track.example//", "https://track.example//push/events"},
@@ -40,26 +33,19 @@ TEST(TernApiEndpointTest, getUrlStringDropsOneTrailingSlashOfTheBase) {
         {"", ""},
     };
     for (const auto& [base, expected] : cases) {
-        EXPECT_EQ(TernApiEndpoint::pushMetrics().getUrlString(HttpBaseUrls{base}), expected)
-            << "base: " << base;
+        EXPECT_EQ(TernApiEndpoint::pushMetrics().getUrlString(HttpBaseUrls{base}), expected) << base;
     }
-}
-
-TEST(TernApiEndpointTest, getUrlIsAbsentForAnEmptyBase) {
     EXPECT_EQ(TernApiEndpoint::findAccountRegion().getUrl(HttpBaseUrls{""}), std::nullopt);
 }
 
-TEST(TernApiEndpointTest, identifiersAreInsertedUnescaped) {
+TEST(TernApiEndpointTest, IdentifiersAreInsertedUnescaped) {
     HttpBaseUrls base{"https://track.example"};
     auto endpoint = TernApiEndpoint::deleteDevice("jane doe", "tok");
-    EXPECT_EQ(endpoint.getUrlString(base),
-              "https://track.example/api/v1/customers/jane doe/devices/tok");
+    EXPECT_EQ(endpoint.getUrlString(base), "https://track.example/api/v1/customers/jane doe/devices/tok");
     EXPECT_EQ(endpoint.getUrl(base), std::nullopt);
-
     auto url = TernApiEndpoint::identifyCustomer("jane%40example.com").getUrl(base);
     ASSERT_TRUE(url.has_value());
     EXPECT_EQ(url->absoluteString(), "https://track.example/api/v1/customers/jane%40example.com");
-    EXPECT_EQ(url->host(), "track.example");
 }
 
 }  // namespace

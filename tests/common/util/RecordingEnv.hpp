@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -12,10 +11,9 @@
 namespace tern::testing {
 
 // The real Linux platform (fresh state root, running main loop) seen through a wrapper that
-// records every system-log line and lets a test replace the locale settings, the notification
-// authorisation and the application's answers. Installed as the process's Env for the life of
-// the object.
-// Holds the real platform; a base class so that it exists before the wrapper refers to it.
+// records every system-log line and may replace the locale settings and the notification
+// authorisation. Installed as the process's Env for the life of the object; the platform is
+// a base class so that it exists before the wrapper refers to it.
 struct RealHostEnv {
     vontu::testing::TestEnv host_;
 };
@@ -41,9 +39,6 @@ public:
     std::optional<std::vector<std::string>> preferredLanguagesOverride;
     std::optional<std::string> currentLocaleOverride;
     std::optional<vontu::platform::AuthorizationStatus> authorizationOverride;
-    bool appTakesUserActivity = true;
-    std::atomic<int> continueUserActivityCalls{0};
-    std::vector<std::string> openedUrls;
 
     void writeLog(const std::string& subsystem, const std::string& category,
                   vontu::platform::LogType type, const std::string& message) override {
@@ -70,14 +65,6 @@ public:
         runInBackground([status = *authorizationOverride, completion = std::move(completion)] {
             completion(status);
         });
-    }
-    bool openUrl(const std::string& url) override {
-        openedUrls.push_back(url);
-        return true;
-    }
-    bool continueUserActivity(const std::string&) override {
-        ++continueUserActivityCalls;
-        return appTakesUserActivity;
     }
 
 private:
