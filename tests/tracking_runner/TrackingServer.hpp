@@ -1,93 +1,72 @@
 #pragma once
 
-#include <cctype>
-#include <cstddef>
-#include <map>
+#include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
-#include <httplib.h>
+#include <nlohmann/json.hpp>
+
+#include "tests/support/LoopbackServer.hpp"
 
 namespace tern::testing {
 
-// A tracking server on 127.0.0.1 (ephemeral port) that answers every request with 200 "{}" and
-// keeps what it received.
-//
-// Unlike the shared LoopbackServer it registers its handlers before the listening thread
-// starts: the requests come from other processes, so nothing else would order the handlers'
-// creation before their first use for ThreadSanitizer.
+// A tracking API on 127.0.0.1 that keeps every request it receives and answers 200 "{}", or
+// the status that the test's rule gives for the request.
 class TrackingServer {
 public:
     struct Request {
         std::string method;
         std::string path;
-        std::map<std::string, std::string> headers;
+        httplib::Headers headers;  // looked up without regard to case
         std::string body;
 
         std::string header(const std::string& name) const {
-            for (const auto& [key, value] : headers) {
-                if (equalsIgnoringCase(key, name)) return value;
-            }
-            return "";
+            auto found = headers.find(name);
+            return found == headers.end() ? "" : found->second;
         }
+        nlohmann::json json() const { return nlohmann::json::parse(body, nullptr, false); }
     };
+    using StatusRule = std::function<std::optional<int>(const Request&)>;
 
-    TrackingServer() {
-        auto handler = [this](const httplib::Request& request, httplib::Response& response) {
-            record(request);
-            response.status = 200;
-            response.set_content("{}", "application/json");
-        };
-        server_.Get(".*", handler);
-        server_.Post(".*", handler);
-        server_.Put(".*", handler);
-        server_.Delete(".*", handler);
-        port_ = server_.bind_to_any_port("127.0.0.1");
-        thread_ = std::thread([this] { server_.listen_after_bind(); });
-        // The socket already listens; waiting for the accept loop makes stop() reliable.
-        while (!server_.is_running()) std::this_thread::yield();
-    }
-    ~TrackingServer() {
-        server_.stop();
-        thread_.join();
-    }
-    TrackingServer(const TrackingServer&) = delete;
-    TrackingServer& operator=(const TrackingServer&) = delete;
-
-    std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_); }
-
+    std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(server_.port()); }
     std::vector<Request> requests() const {
         std::lock_guard guard(mutex_);
         return requests_;
     }
+    // "PUT /api/v1/customers/A" for each request, in order of arrival.
+    std::vector<std::string> requestLines() const {
+        std::vector<std::string> lines;
+        for (const auto& request : requests()) lines.push_back(request.method + " " + request.path);
+        return lines;
+    }
+    void clearRequests() {
+        std::lock_guard guard(mutex_);
+        requests_.clear();
+    }
+    void setStatusRule(StatusRule rule) {
+        std::lock_guard guard(mutex_);
+        statusRule_ = std::move(rule);
+    }
 
 private:
-    static bool equalsIgnoringCase(const std::string& a, const std::string& b) {
-        if (a.size() != b.size()) return false;
-        for (std::size_t i = 0; i < a.size(); ++i) {
-            if (std::tolower(static_cast<unsigned char>(a[i])) !=
-                std::tolower(static_cast<unsigned char>(b[i]))) {
-                return false;
-            }
-        }
-        return true;
-    }
-
-    void record(const httplib::Request& request) {
-        Request received{request.method, request.path, {}, request.body};
-        for (const auto& [name, value] : request.headers) received.headers[name] = value;
-        std::lock_guard guard(mutex_);
-        requests_.push_back(std::move(received));
-    }
-
     mutable std::mutex mutex_;
     std::vector<Request> requests_;
-    httplib::Server server_;
-    int port_ = 0;
-    std::thread thread_;
+    StatusRule statusRule_;
+    // Last, as it starts serving while it is constructed. Its handlers are in place before that,
+    // which also orders them before their first use by the hosts' processes.
+    vontu::testing::LoopbackServer server_{[this](httplib::Server& server) {
+        auto handler = [this](const httplib::Request& request, httplib::Response& response) {
+            Request received{request.method, request.path, request.headers, request.body};
+            std::lock_guard guard(mutex_);
+            response.status = statusRule_ ? statusRule_(received).value_or(200) : 200;
+            response.set_content("{}", "application/json");
+            requests_.push_back(std::move(received));
+        };
+        server.Get(".*", handler).Post(".*", handler).Put(".*", handler).Delete(".*", handler);
+    }};
 };
 
 }  // namespace tern::testing
