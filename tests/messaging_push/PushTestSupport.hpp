@@ -1,24 +1,20 @@
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
-#include <filesystem>
+#include <atomic>
 #include <fstream>
-#include <functional>
-#include <memory>
 #include <mutex>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "Common/DIGraph.hpp"
 #include "Common/http/HttpClient.hpp"
 #include "Common/queue/Queue.hpp"
+#include "Common/util/JsonAdapter.hpp"
 #include "TernTracking/SdkInitializedUtil.hpp"
 #include "TernTracking/Tern.hpp"
+#include "messaging_push/TernParsedPushPayload.hpp"
 #include "platform/Notification.hpp"
+#include "tests/common/RecordingLogger.hpp"
 
 namespace tern::testing {
 
@@ -26,20 +22,17 @@ using nlohmann::json;
 
 inline constexpr const char* testSiteId = "5ca1ab1e0ddba11c0ffe";
 inline constexpr const char* testApiKey = "0123456789abcdef0123";
+inline constexpr const char* imageUrl = "https://cdn.example.com/images/banner.png";
 
 // A complete 1x1 PNG: attachments are checked by their leading bytes.
-inline std::string pngBytes() {
+inline std::filesystem::path writePng(const std::filesystem::path& path) {
     static const unsigned char png[] = {
         0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x48,
         0x44, 0x52, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x01, 0x08, 0x06, 0x00, 0x00,
         0x00, 0x1F, 0x15, 0xC4, 0x89, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x44, 0x41, 0x54, 0x78,
         0x9C, 0x63, 0x00, 0x01, 0x00, 0x00, 0x05, 0x00, 0x01, 0x0D, 0x0A, 0x2D, 0xB4, 0x00,
         0x00, 0x00, 0x00, 0x49, 0x45, 0x4E, 0x44, 0xAE, 0x42, 0x60, 0x82};
-    return {std::begin(png), std::end(png)};
-}
-
-inline std::filesystem::path writePng(const std::filesystem::path& path) {
-    std::ofstream(path, std::ios::binary) << pngBytes();
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(png), sizeof png);
     return path;
 }
 
@@ -51,6 +44,7 @@ inline json ternUserInfo(std::optional<json> tern = std::nullopt) {
     if (tern) userInfo["TERN"] = *tern;
     return userInfo;
 }
+inline json richUserInfo(json push) { return ternUserInfo(json{{"push", std::move(push)}}); }
 
 inline vontu::platform::NotificationRequest request(json userInfo,
                                                     std::string identifier = "request-1") {
@@ -62,139 +56,80 @@ inline vontu::platform::NotificationRequest request(json userInfo,
     return made;
 }
 
-// Collects the contents a handler is given and lets a test wait for them.
-class ContentRecorder {
-public:
+inline std::shared_ptr<TernParsedPushPayload> parse(const vontu::platform::NotificationContent& content) {
+    static const auto adapter = std::make_shared<JsonAdapter>(std::make_shared<RecordingLogger>());
+    return TernParsedPushPayload::parse(content, adapter);
+}
+inline std::shared_ptr<TernParsedPushPayload> parse(const json& userInfo) {
+    return parse(request(userInfo).content);
+}
+
+// Collects the contents a handler is given (the tests' handlers are all called on one thread).
+struct ContentRecorder {
+    std::vector<vontu::platform::NotificationContent> contents;
     std::function<void(const vontu::platform::NotificationContent&)> handler() {
         return [this](const vontu::platform::NotificationContent& content) {
-            std::lock_guard lock(mutex_);
-            contents_.push_back(content);
-            changed_.notify_all();
+            contents.push_back(content);
         };
     }
-    // True once count contents have arrived; false after a generous deadline.
-    bool waitFor(std::size_t count) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(30),
-                                 [&] { return contents_.size() >= count; });
-    }
-    std::vector<vontu::platform::NotificationContent> contents() const {
-        std::lock_guard lock(mutex_);
-        return contents_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<vontu::platform::NotificationContent> contents_;
 };
 
-// An HTTP client whose downloads the test completes by hand.
-class ManualHttpClient final : public HttpClient {
-public:
+// An HTTP client whose downloads the test completes by hand. Downloads may start on any
+// thread; the test reads what was asked once they have.
+struct ManualHttpClient final : HttpClient {
     void request(HttpRequestParams, RequestCompletion onComplete) override {
         onComplete(std::unexpected(HttpRequestError::noRequestMade(std::nullopt)));
     }
     void downloadFile(Url url, DownloadFileType, DownloadCompletion onComplete) override {
-        std::lock_guard lock(mutex_);
-        downloads_.push_back({url.absoluteString(), std::move(onComplete)});
+        std::lock_guard lock(mutex);
+        urls.push_back(url.absoluteString());
+        downloads.push_back(std::move(onComplete));
     }
     void cancel(bool finishTasks) override {
-        std::lock_guard lock(mutex_);
-        cancels_.push_back(finishTasks);
+        std::lock_guard lock(mutex);
+        cancels.push_back(finishTasks);
     }
-
-    std::vector<std::string> downloadedUrls() const {
-        std::lock_guard lock(mutex_);
-        std::vector<std::string> urls;
-        for (const auto& download : downloads_) urls.push_back(download.url);
-        return urls;
-    }
-    std::vector<bool> cancels() const {
-        std::lock_guard lock(mutex_);
-        return cancels_;
-    }
-    // Completes the index-th download with the file, or with none.
-    void completeDownload(std::size_t index, std::optional<std::filesystem::path> file) {
-        DownloadCompletion completion;
-        {
-            std::lock_guard lock(mutex_);
-            completion = downloads_.at(index).completion;
-        }
-        completion(std::move(file));
-    }
-
-private:
-    struct Download {
-        std::string url;
-        DownloadCompletion completion;
-    };
-    mutable std::mutex mutex_;
-    std::vector<Download> downloads_;
-    std::vector<bool> cancels_;
+    std::mutex mutex;
+    std::vector<std::string> urls;
+    std::vector<DownloadCompletion> downloads;  // called with the file, or with none
+    std::vector<bool> cancels;
 };
 
 // A queue that only counts its runs; each run ends at once, on the caller's thread.
 class CountingQueue final : public Queue {
 public:
-    QueueAddResult addTrackInAppDeliveryTask(const std::string&, InAppMetric) override {
-        return {};
-    }
+    QueueAddResult addTrackInAppDeliveryTask(const std::string&, InAppMetric) override { return {}; }
     QueueAddResult addTask(const std::string&, const AnyEncodable&,
                            const std::optional<QueueTaskGroup>&,
                            const std::optional<std::vector<QueueTaskGroup>>&) override {
         return {};
     }
     void run(Completion onComplete) override {
-        {
-            std::lock_guard lock(mutex_);
-            ++runs_;
-        }
+        ++runs;
         onComplete();
     }
     void deleteExpiredTasks() override {}
-
-    int runs() const {
-        std::lock_guard lock(mutex_);
-        return runs_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    int runs_ = 0;
+    std::atomic<int> runs = 0;
 };
 
-// Tells the push module whatever the test decides: a graph of the test's own (or none, until
-// the test sets one), and the process's Tern object for the tracking calls.
+// Tells the push module the test's own graph (or none), and the process's Tern object for the
+// tracking calls.
 class StubSdkInitializedUtil final : public SdkInitializedUtil {
 public:
     explicit StubSdkInitializedUtil(std::shared_ptr<DIGraph> diGraph) : diGraph_(std::move(diGraph)) {}
-
-    void setDiGraph(std::shared_ptr<DIGraph> diGraph) {
-        std::lock_guard lock(mutex_);
-        diGraph_ = std::move(diGraph);
-    }
-
     std::shared_ptr<Tern> tern() override { return Tern::shared(); }
-    bool isInitlaized() override { return graph() != nullptr; }
+    bool isInitlaized() override { return diGraph_ != nullptr; }
     std::optional<PostInitializedData> postInitializedData() override {
-        auto diGraph = graph();
-        if (!diGraph) return std::nullopt;
-        return PostInitializedData{diGraph->siteId(), diGraph};
+        if (!diGraph_) return std::nullopt;
+        return PostInitializedData{diGraph_->siteId(), diGraph_};
     }
 
 private:
-    std::shared_ptr<DIGraph> graph() {
-        std::lock_guard lock(mutex_);
-        return diGraph_;
-    }
-
-    std::mutex mutex_;
-    std::shared_ptr<DIGraph> diGraph_;
+    const std::shared_ptr<DIGraph> diGraph_;
 };
 
-// Initialises the process's Tern object once, in the app form with the default queue settings:
-// tasks are queued but no run starts before ten of them, so the tests read what was queued.
+// Initialises the process's Tern object once with the default queue settings: tasks are queued
+// but no run starts before ten of them, so the tests read what was queued.
 inline void initializeTernOnce() {
     static std::once_flag initialized;
     std::call_once(initialized, [] {
@@ -204,8 +139,7 @@ inline void initializeTernOnce() {
     });
 }
 
-// The push metrics queued so far under the current platform's state root, as their JSON data,
-// oldest first.
+// The push metrics queued under the current state root, as their JSON data.
 inline std::vector<json> queuedPushMetrics() {
     std::vector<json> metrics;
     auto storage = Tern::shared()->diGraph()->queueStorage();

@@ -1,22 +1,22 @@
+// Sender details of a new-mail push: address entries, initials, badge colours and drawing, and
+// the communication content. (Cached avatars and system versions are checked through vontu-nse.)
+
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <optional>
-#include <string>
+#include <cairo.h>
+
+#include <cmath>
+#include <cstring>
 #include <thread>
-#include <vector>
 
 #include "extension/QLXNotificationHelper.hpp"
 #include "extension/SenderInitials.hpp"
-#include "platform/Env.hpp"
-#include "tests/extension/helper/PngPixels.hpp"
 #include "tests/support/TestEnv.hpp"
 
 namespace vontu::testing {
 namespace {
 
 using extension::QLXNotificationHelper;
-using platform::Bytes;
 using platform::Rgba;
 using Text = std::optional<std::string>;
 
@@ -25,28 +25,57 @@ constexpr Rgba kPalette1{0.0, 0.478, 1.0, 1.0};
 constexpr Rgba kPalette5{1.0, 0.522, 0.106, 1.0};
 constexpr Rgba kPalette9{0.522, 0.078, 0.294, 1.0};
 
-TestEnv makeEnv(const std::string& systemVersion = "17.0") {
-    platform::linux_host::HostSettings settings;
-    settings.systemVersion = systemVersion;
-    return TestEnv(std::move(settings));
-}
-
-std::filesystem::path avatarPath(const std::string& address) {
-    auto path = QLXNotificationHelper::imagePathForSender(address);
-    EXPECT_TRUE(path.has_value());
-    return path.value_or("");
-}
-
-// --- Address entries
-
-struct EntryCase {
-    Text entry;
-    Text name;
-    Text email;
+// A pixel of a decoded PNG: 0...255, not premultiplied.
+struct Pixel {
+    int red, green, blue, alpha;
+    bool shows(const Rgba& color) const {  // to within a rounding step or two
+        auto near = [](int channel, double fraction) {
+            return std::abs(channel - std::lround(fraction * 255)) <= 2;
+        };
+        return near(red, color.red) && near(green, color.green) && near(blue, color.blue) &&
+               near(alpha, color.alpha);
+    }
+    bool white() const { return alpha == 255 && red >= 250 && green >= 250 && blue >= 250; }
 };
 
+// The pixels of a PNG with transparency, decoded with cairo, one row after the other; absent
+// when cairo cannot read it.
+std::optional<std::vector<Pixel>> decode(const platform::Bytes& png, int side) {
+    std::pair<const platform::Bytes*, std::size_t> reader{&png, 0};
+    auto read = [](void* closure, unsigned char* data, unsigned length) {
+        auto& [bytes, offset] = *static_cast<decltype(reader)*>(closure);
+        if (bytes->size() - offset < length) return CAIRO_STATUS_READ_ERROR;
+        std::memcpy(data, bytes->data() + offset, length);
+        offset += length;
+        return CAIRO_STATUS_SUCCESS;
+    };
+    std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)> surface(
+        cairo_image_surface_create_from_png_stream(read, &reader), &cairo_surface_destroy);
+    cairo_surface_t* image = surface.get();
+    if (cairo_surface_status(image) != CAIRO_STATUS_SUCCESS ||
+        cairo_image_surface_get_format(image) != CAIRO_FORMAT_ARGB32 ||
+        cairo_image_surface_get_width(image) != side || cairo_image_surface_get_height(image) != side) {
+        return std::nullopt;
+    }
+    cairo_surface_flush(image);
+    std::vector<Pixel> pixels;
+    for (int y = 0; y < side; ++y) {
+        for (int x = 0; x < side; ++x) {
+            std::uint32_t word = 0;
+            std::memcpy(&word, cairo_image_surface_get_data(image) +
+                                   y * cairo_image_surface_get_stride(image) + x * 4, sizeof word);
+            const int alpha = static_cast<int>(word >> 24);
+            auto channel = [alpha](std::uint32_t value) {
+                return alpha == 0 ? 0 : (static_cast<int>(value & 0xFF) * 255 + alpha / 2) / alpha;
+            };
+            pixels.push_back({channel(word >> 16), channel(word >> 8), channel(word), alpha});
+        }
+    }
+    return pixels;
+}
+
 TEST(QLXNotificationHelperParsing, SplitsEntriesAtTheAngleBracket) {
-    const std::vector<EntryCase> cases{
+    const struct { Text entry, name, email; } cases[] = {
         {"Jane Doe <jane@example.com>", "Jane Doe ", "jane@example.com"},
         {"jane@example.com", std::nullopt, "jane@example.com"},
         {"jane@example.com>>", std::nullopt, "jane@example.com"},
@@ -55,10 +84,7 @@ TEST(QLXNotificationHelperParsing, SplitsEntriesAtTheAngleBracket) {
         {" Jane <jane@example.com> ", " Jane ", "jane@example.com "},
         {"A <b> <c>", "A ", "c"},
         {"Jane >Doe< x", "Jane >Doe", " x"},
-        {"Jane, Doe <jane@example.com>", "Jane, Doe ", "jane@example.com"},
         {"Иван Петров <ivan@example.ru>", "Иван Петров ", "ivan@example.ru"},
-        {"😀 Smile <smile@example.com>", "😀 Smile ", "smile@example.com"},
-        {"דוד כהן <david@example.co.il>", "דוד כהן ", "david@example.co.il"},
         {std::nullopt, std::nullopt, std::nullopt},
     };
     for (const auto& c : cases) {
@@ -68,21 +94,18 @@ TEST(QLXNotificationHelperParsing, SplitsEntriesAtTheAngleBracket) {
     }
 }
 
-struct RecipientsCase {
-    Text participants;
-    std::vector<std::pair<std::string, std::string>> persons;  // display name, address
-};
-
 TEST(QLXNotificationHelperParsing, RecipientsAreTheEntriesWithADisplayName) {
-    TestEnv env = makeEnv();
-    const std::vector<RecipientsCase> cases{
+    TestEnv env;
+    const struct {
+        Text participants;
+        std::vector<std::pair<std::string, std::string>> persons;  // display name, address
+    } cases[] = {
         {"Ann <ann@example.com>, Bob  <bob@example.com>\r\n",
          {{"Ann ", "ann@example.com"}, {" Bob  ", "bob@example.com"}}},
         {"ann@example.com, Bob <bob@example.com>", {{" Bob ", "bob@example.com"}}},
         {"Ann <ann@example.com>,,Bob <bob@example.com>,",
          {{"Ann ", "ann@example.com"}, {"Bob ", "bob@example.com"}}},
-        {"Ann\r\n Lee <ann@example.com>", {{"Ann Lee ", "ann@example.com"}}},
-        {"Ann <ann@exa\nmple.com>", {{"Ann ", "ann@example.com"}}},
+        {"Ann\r\n Lee <ann@exa\nmple.com>", {{"Ann Lee ", "ann@example.com"}}},
         {"李 小龙 <li@example.cn>", {{"李 小龙 ", "li@example.cn"}}},
         {"", {}},
         {std::nullopt, {}},
@@ -98,35 +121,23 @@ TEST(QLXNotificationHelperParsing, RecipientsAreTheEntriesWithADisplayName) {
     }
 }
 
-// --- Initials and colours
-
-struct InitialsCase {
-    Text name;
-    Text mailbox;
-    std::string initials;
-};
-
-TEST(QLXNotificationHelperInitials, FirstLettersOfTheFirstTwoWords) {
-    const std::vector<InitialsCase> cases{
+TEST(QLXNotificationHelperInitials, FirstLettersOfTheFirstTwoWordsElseOfTheAddress) {
+    const struct { Text name, mailbox; std::string initials; } cases[] = {
         {"jane doe", "jane@example.com", "JD"},
         {"Jane Mary Doe", "jane@example.com", "JM"},
         {"1st jane doe", "x@example.com", "JD"},
         {"  jane   doe ", "x@example.com", "JD"},
         {"jane\tdoe", "x@example.com", "J"},
         {"élodie ßmith", "x@example.com", "ÉSS"},
-        {"иван петров", "ivan@example.ru", "ИП"},
         {"דוד כהן", "david@example.co.il", "דכ"},
         {"李 小龙", "li@example.cn", "李小"},
         {"😀 smile face", "x@example.com", "SF"},
         {"\u0661abc def", "x@example.com", "D"},  // an Arabic-Indic digit is no letter
-        {"", "ab@example.com", "a"},                // the address keeps its case
-        {"", "Ab@example.com", "A"},
+        {"", "Ab@example.com", "A"},                // the address keeps its case
         {"123 !!", "zed@example.com", "z"},
         {std::nullopt, "jo", "j"},
         {"", "😀x", "😀"},
         {"", "a", ""},
-        {"", "", ""},
-        {"", std::nullopt, ""},
         {std::nullopt, std::nullopt, ""},
     };
     for (const auto& c : cases) {
@@ -135,22 +146,15 @@ TEST(QLXNotificationHelperInitials, FirstLettersOfTheFirstTwoWords) {
     }
 }
 
-struct ColorCase {
-    Text sender;
-    Rgba color;
-};
-
 TEST(QLXNotificationHelperInitials, ColourComesFromTheFirstTenLowerCaseLetters) {
-    const std::vector<ColorCase> cases{
-        {"Ab", kPalette1},          // 0 + 1
-        {"zzz", kPalette5},         // 75 mod 10
-        {"ZZZ", kPalette5},         // lower-cased first
-        {"12 -!", kPalette0},       // no letters
-        {"", kPalette0},
+    const struct { Text sender; Rgba color; } cases[] = {
+        {"Ab", kPalette1},           // 0 + 1
+        {"ZZZ", kPalette5},          // lower-cased, 75 mod 10
+        {"12 -!", kPalette0},        // no letters
         {std::nullopt, kPalette0},
-        {"aaaaaaaaab", kPalette1},  // b is the tenth character
-        {"aaaaaaaaaab", kPalette0}, // b is the eleventh and does not count
-        {"éa b", kPalette1},        // é is not in a to z
+        {"aaaaaaaaab", kPalette1},   // b is the tenth character
+        {"aaaaaaaaaab", kPalette0},  // b is the eleventh and does not count
+        {"éa b", kPalette1},         // é is not in a to z
         {"j", kPalette9},
         // İ lower-cases to two units, so the b is pushed out of the first ten.
         {"\u0130\u0130\u0130\u0130\u0130b", kPalette0},
@@ -161,58 +165,52 @@ TEST(QLXNotificationHelperInitials, ColourComesFromTheFirstTenLowerCaseLetters) 
     }
 }
 
-// --- Digests and paths
-
-TEST(QLXNotificationHelperFiles, Md5IsUpperCaseHex) {
+TEST(QLXNotificationHelperFiles, AvatarsAreNamedByTheUpperCaseDigestOfTheExactAddress) {
+    TestEnv env;
     EXPECT_EQ(QLXNotificationHelper::MD5String(""), "D41D8CD98F00B204E9800998ECF8427E");
-    EXPECT_EQ(QLXNotificationHelper::MD5String("abc"), "900150983CD24FB0D6963F7D28E17F72");
-    EXPECT_EQ(QLXNotificationHelper::MD5String("The quick brown fox jumps over the lazy dog"),
-              "9E107D9D372BB6826BD81D3542A419D6");
+    // The digest is of the text up to its first NUL.
     EXPECT_EQ(QLXNotificationHelper::MD5String(std::string("abc\0def", 7)),
               "900150983CD24FB0D6963F7D28E17F72");
-}
-
-TEST(QLXNotificationHelperFiles, AvatarIsNamedByTheDigestOfTheAddress) {
-    TestEnv env = makeEnv();
-    auto container = env.home() / "groups" / "group.ios.vontu";
-    EXPECT_EQ(QLXNotificationHelper::sharedDirectoryPath(), container);
     EXPECT_EQ(QLXNotificationHelper::imagePathForSender("jane@example.com"),
-              container / "Avatars" / "18405C77ABB15C778D2EF31F8564DC43.png");
+              env.home() / "groups/group.ios.vontu/Avatars/18405C77ABB15C778D2EF31F8564DC43.png");
     EXPECT_NE(QLXNotificationHelper::imagePathForSender("Jane@example.com"),
               QLXNotificationHelper::imagePathForSender("jane@example.com"));
     EXPECT_EQ(QLXNotificationHelper::imagePathForSender(std::nullopt), std::nullopt);
 }
 
-// --- The drawn badge
-
-TEST(QLXNotificationHelperBadge, RoundBadgeInTheNamesColourWithWhiteInitials) {
-    TestEnv env = makeEnv();
+TEST(QLXNotificationHelperBadge, RoundBadgeInTheNamesColourWithWhiteInitialsInTheMiddle) {
+    TestEnv env;
     // The colour comes from the name ("Ab": 1), not from the address ("zzz": 5).
     auto png = QLXNotificationHelper::initialForSenderName("Ab", "zzz@example.com");
     ASSERT_TRUE(png.has_value());
-    auto pixels = PngPixels::decode(*png);
-    ASSERT_TRUE(pixels.has_value());
-    ASSERT_EQ(pixels->width(), 96);
-    ASSERT_EQ(pixels->height(), 96);
-
+    auto pixels = decode(*png, 96);
+    ASSERT_TRUE(pixels.has_value()) << "a 96 by 96 PNG";
+    auto at = [&](int x, int y) { return (*pixels)[static_cast<std::size_t>(y * 96 + x)]; };
     for (auto [x, y] : {std::pair{0, 0}, {95, 0}, {0, 95}, {95, 95}, {8, 8}}) {
-        EXPECT_EQ(pixels->at(x, y).alpha, 0) << "outside the circle at " << x << "," << y;
+        EXPECT_EQ(at(x, y).alpha, 0) << "outside the circle at " << x << "," << y;
     }
-    for (auto [x, y] : {std::pair{48, 6}, {48, 90}, {6, 48}, {90, 48}}) {
-        EXPECT_TRUE(showsColor(pixels->at(x, y), kPalette1)) << x << "," << y;
+    for (auto [x, y] : {std::pair{48, 6}, {48, 90}, {6, 48}, {90, 48}, {20, 20}}) {
+        EXPECT_TRUE(at(x, y).shows(kPalette1)) << x << "," << y;
     }
-    int white = 0;
-    for (int y = 30; y < 66; ++y) {
-        for (int x = 14; x < 82; ++x) white += isWhite(pixels->at(x, y)) ? 1 : 0;
+    int left = 96, right = -1, top = 96, bottom = -1;
+    for (int y = 0; y < 96; ++y) {
+        for (int x = 0; x < 96; ++x) {
+            if (!at(x, y).white()) continue;
+            left = std::min(left, x), right = std::max(right, x);
+            top = std::min(top, y), bottom = std::max(bottom, y);
+        }
     }
-    EXPECT_GT(white, 20) << "the initials are drawn in white in the middle";
+    ASSERT_GE(right, 0) << "no initials drawn";
+    EXPECT_NEAR((left + right) / 2.0, 48, 3);
+    EXPECT_NEAR((top + bottom) / 2.0, 48, 8);
+    EXPECT_GT(bottom - top, 10) << "the initials are drawn at 28 points";
 }
 
 TEST(QLXNotificationHelperBadge, ThreadsDrawingAtOnceGetTheSamePicture) {
-    TestEnv env = makeEnv();
+    TestEnv env;
     auto expected = QLXNotificationHelper::initialForSenderName("Jane Doe", "jane@example.com");
     ASSERT_TRUE(expected.has_value());
-    std::vector<std::optional<Bytes>> drawn(4);
+    std::vector<std::optional<platform::Bytes>> drawn(4);
     std::vector<std::thread> threads;
     for (auto& picture : drawn) {
         threads.emplace_back([&picture] {
@@ -223,21 +221,8 @@ TEST(QLXNotificationHelperBadge, ThreadsDrawingAtOnceGetTheSamePicture) {
     for (const auto& picture : drawn) EXPECT_EQ(picture, expected);
 }
 
-TEST(QLXNotificationHelperBadge, NoBadgeWithoutInitials) {
-    TestEnv env = makeEnv();
-    EXPECT_EQ(QLXNotificationHelper::initialForSenderName("", "a"), std::nullopt);
-    EXPECT_EQ(QLXNotificationHelper::initialForSenderName("42", std::nullopt), std::nullopt);
-}
-
-// --- Persons
-
-TEST(QLXNotificationHelperPerson, UsesTheCachedAvatarBytesAsTheyAre) {
-    TestEnv env = makeEnv();
-    auto path = avatarPath("jane@example.com");
-    ASSERT_TRUE(env.env().createDirectories(path.parent_path()).has_value());
-    const Bytes cached = platform::toBytes("not a picture at all");
-    ASSERT_TRUE(env.env().writeFile(path, cached).has_value());
-
+TEST(QLXNotificationHelperPerson, AnEmailPersonWithADrawnBadgeWhenNothingIsCached) {
+    TestEnv env;
     auto person = QLXNotificationHelper::createPerson("Jane Doe", "jane@example.com");
     ASSERT_TRUE(person.has_value());
     EXPECT_EQ(person->handle.value, "jane@example.com");
@@ -247,81 +232,46 @@ TEST(QLXNotificationHelperPerson, UsesTheCachedAvatarBytesAsTheyAre) {
     EXPECT_EQ(person->contactIdentifier, std::nullopt);
     EXPECT_EQ(person->customIdentifier, "9E26471D35A78862C17E467D87CDDEDF");
     ASSERT_TRUE(person->image.has_value());
-    EXPECT_EQ(person->image->data, cached);
-}
-
-TEST(QLXNotificationHelperPerson, DrawsABadgeWhenNothingIsCached) {
-    TestEnv env = makeEnv();
-    auto person = QLXNotificationHelper::createPerson("Jane Doe", "jane@example.com");
-    ASSERT_TRUE(person.has_value());
-    ASSERT_TRUE(person->image.has_value());
     EXPECT_EQ(person->image->data,
               QLXNotificationHelper::initialForSenderName("Jane Doe", "jane@example.com"));
-    auto pixels = PngPixels::decode(person->image->data);
-    ASSERT_TRUE(pixels.has_value());
-    EXPECT_EQ(pixels->width(), 96);
 }
 
 TEST(QLXNotificationHelperPerson, AbsentWithoutNameAddressOrPicture) {
-    TestEnv env = makeEnv();
+    TestEnv env;
+    EXPECT_EQ(QLXNotificationHelper::initialForSenderName("42", std::nullopt), std::nullopt);
     EXPECT_EQ(QLXNotificationHelper::createPerson(std::nullopt, "jane@example.com"), std::nullopt);
     EXPECT_EQ(QLXNotificationHelper::createPerson("Jane", std::nullopt), std::nullopt);
-    EXPECT_EQ(QLXNotificationHelper::createPerson("", "a"), std::nullopt);
-
+    EXPECT_EQ(QLXNotificationHelper::createPerson("", "a"), std::nullopt);  // no initials
     // A cached entry that cannot be read gives no picture, and no badge is drawn instead.
-    auto path = avatarPath("jane@example.com");
-    ASSERT_TRUE(env.env().createDirectories(path).has_value());
+    auto path = QLXNotificationHelper::imagePathForSender("jane@example.com");
+    ASSERT_TRUE(path && env.env().createDirectories(*path).has_value());
     EXPECT_EQ(QLXNotificationHelper::createPerson("Jane Doe", "jane@example.com"), std::nullopt);
 }
 
-// --- The communication notification
-
-platform::NotificationContent mailContent() {
-    platform::NotificationContent content;
-    content.title = "Jane Doe";
-    content.body = "Lunch tomorrow?";
-    content.categoryIdentifier = "NewMail";
-    return content;
-}
-
-TEST(QLXNotificationHelperContent, UnchangedBeforeIos15) {
-    for (const char* version : {"12.4", "14.0", "14.9"}) {
-        SCOPED_TRACE(version);
-        TestEnv env = makeEnv(version);
-        auto result = QLXNotificationHelper::modifyNotificationContentForCommunicationNotification(
-            mailContent(), "Jane Doe", "jane@example.com", {});
-        EXPECT_EQ(result, mailContent());
-    }
-}
-
 TEST(QLXNotificationHelperContent, CarriesTheSenderAndPutsTheSubtitleBeforeTheBody) {
-    for (const char* version : {"15.0", "17.0"}) {
-        SCOPED_TRACE(version);
-        TestEnv env = makeEnv(version);
-        auto recipients = QLXNotificationHelper::recipientsForMail("Bob <bob@example.com>");
-        auto result = QLXNotificationHelper::modifyNotificationContentForCommunicationNotification(
-            mailContent(), "Jane Doe", "jane@example.com", recipients);
-        ASSERT_TRUE(result.has_value());
-        ASSERT_TRUE(result->communication.has_value());
-        EXPECT_EQ(result->communication->sender,
-                  QLXNotificationHelper::createPerson("Jane Doe", "jane@example.com"));
-        EXPECT_EQ(result->body, " \u2022 Lunch tomorrow?") << "an empty subtitle counts";
-        EXPECT_EQ(result->title, "Jane Doe");
+    TestEnv env;
+    platform::NotificationContent mail;
+    mail.title = "Jane Doe";
+    mail.body = "Lunch tomorrow?";
+    auto modify = [](const platform::NotificationContent& content, const std::string& name,
+                     const std::string& address) {
+        return QLXNotificationHelper::modifyNotificationContentForCommunicationNotification(
+            content, name, address, QLXNotificationHelper::recipientsForMail("Bob <bob@x.com>"));
+    };
+    auto result = modify(mail, "Jane Doe", "jane@example.com");
+    ASSERT_TRUE(result.has_value());
+    ASSERT_TRUE(result->communication.has_value());
+    EXPECT_EQ(result->communication->sender,
+              QLXNotificationHelper::createPerson("Jane Doe", "jane@example.com"));
+    EXPECT_EQ(result->title, "Jane Doe");
+    EXPECT_EQ(result->body, " \u2022 Lunch tomorrow?") << "an empty subtitle counts";
 
-        auto withSubtitle = mailContent();
-        withSubtitle.subtitle = "Re: Plans";
-        result = QLXNotificationHelper::modifyNotificationContentForCommunicationNotification(
-            withSubtitle, "Jane Doe", "jane@example.com", {});
-        ASSERT_TRUE(result.has_value());
-        EXPECT_EQ(result->body, "Re: Plans \u2022 Lunch tomorrow?");
-    }
-}
-
-TEST(QLXNotificationHelperContent, UnchangedWithoutASenderPerson) {
-    TestEnv env = makeEnv();
-    auto result = QLXNotificationHelper::modifyNotificationContentForCommunicationNotification(
-        mailContent(), "", "a", {});
-    EXPECT_EQ(result, mailContent());
+    mail.subtitle = "Re: Plans";
+    result = modify(mail, "Jane Doe", "jane@example.com");
+    ASSERT_TRUE(result.has_value());
+    EXPECT_EQ(result->body, "Re: Plans \u2022 Lunch tomorrow?");
+    // Without a sender person the content is left as it is.
+    EXPECT_EQ(modify(mail, "", "a"), mail);
 }
 
 }  // namespace
