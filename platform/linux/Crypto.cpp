@@ -1,27 +1,77 @@
 #include "platform/Crypto.hpp"
 
+#include <dlfcn.h>
 #include <openssl/evp.h>
+#include <openssl/opensslv.h>
 #include <openssl/rand.h>
 #include <sys/random.h>
 #include <uuid/uuid.h>
 
 #include <cctype>
 #include <cerrno>
+#include <mutex>
 
 namespace vontu::platform {
+
+namespace {
+
+// OpenSSL's libcrypto is opened on first use rather than linked: mapping and relocating it
+// costs every process about 1.4 MB of memory, and a read receipt never digests or encodes
+// anything. The declarations come from OpenSSL's own headers, so the signatures are checked.
+struct LibCrypto {
+    decltype(&::EVP_Digest) digest = nullptr;
+    decltype(&::EVP_md5) md5 = nullptr;
+    decltype(&::EVP_EncodeBlock) encodeBlock = nullptr;
+    decltype(&::EVP_DecodeBlock) decodeBlock = nullptr;
+    decltype(&::RAND_bytes) randomBytes = nullptr;
+
+    bool loaded() const {
+        return digest && md5 && encodeBlock && decodeBlock && randomBytes;
+    }
+};
+
+template <typename Function>
+void bind(void* library, const char* name, Function& function) {
+    function = reinterpret_cast<Function>(::dlsym(library, name));
+}
+
+// The library, or null when this system's libcrypto cannot be opened (the package depends on
+// it, so only a broken installation gets there).
+const LibCrypto* libCrypto() {
+    static LibCrypto functions;
+    static std::once_flag opened;
+    std::call_once(opened, [] {
+        void* library = ::dlopen("libcrypto.so." OPENSSL_MSTR(OPENSSL_VERSION_MAJOR),
+                                 RTLD_NOW | RTLD_LOCAL);
+        if (library == nullptr) return;
+        bind(library, "EVP_Digest", functions.digest);
+        bind(library, "EVP_md5", functions.md5);
+        bind(library, "EVP_EncodeBlock", functions.encodeBlock);
+        bind(library, "EVP_DecodeBlock", functions.decodeBlock);
+        bind(library, "RAND_bytes", functions.randomBytes);
+    });
+    return functions.loaded() ? &functions : nullptr;
+}
+
+}  // namespace
 
 std::array<std::uint8_t, 16> md5(std::string_view bytes) {
     std::array<std::uint8_t, 16> digest{};
     unsigned int length = 0;
-    EVP_Digest(bytes.data(), bytes.size(), digest.data(), &length, EVP_md5(), nullptr);
+    if (const auto* crypto = libCrypto()) {
+        crypto->digest(bytes.data(), bytes.size(), digest.data(), &length, crypto->md5(),
+                       nullptr);
+    }
     return digest;
 }
 
 std::string base64Encode(std::string_view bytes) {
+    const auto* crypto = libCrypto();
+    if (crypto == nullptr) return {};
     std::string out(4 * ((bytes.size() + 2) / 3), '\0');
-    int written = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                                  reinterpret_cast<const unsigned char*>(bytes.data()),
-                                  static_cast<int>(bytes.size()));
+    int written = crypto->encodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                                      reinterpret_cast<const unsigned char*>(bytes.data()),
+                                      static_cast<int>(bytes.size()));
     out.resize(static_cast<std::size_t>(written));
     return out;
 }
@@ -45,9 +95,12 @@ std::optional<Bytes> base64Decode(std::string_view text) {
             return std::nullopt;
         }
     }
+    const auto* crypto = libCrypto();
+    if (crypto == nullptr) return std::nullopt;
     Bytes out(3 * text.size() / 4);
-    int written = EVP_DecodeBlock(out.data(), reinterpret_cast<const unsigned char*>(text.data()),
-                                  static_cast<int>(text.size()));
+    int written = crypto->decodeBlock(out.data(),
+                                      reinterpret_cast<const unsigned char*>(text.data()),
+                                      static_cast<int>(text.size()));
     if (written < 0) return std::nullopt;
     out.resize(static_cast<std::size_t>(written) - padding);
     return out;
@@ -76,7 +129,7 @@ std::uint32_t randomWord() {
             filled += static_cast<std::size_t>(got);
         } else if (got < 0 && errno != EINTR) {
             // No kernel source (a very old kernel): OpenSSL's generator after all.
-            RAND_bytes(bytes, sizeof value);
+            if (const auto* crypto = libCrypto()) crypto->randomBytes(bytes, sizeof value);
             return value;
         }
     }
