@@ -5,17 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <memory>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "TernTracking/AutomaticScreenViews.hpp"
 #include "TernTracking/ScreenViewName.hpp"
-#include "TernTracking/TrackEventQueueTaskData.hpp"
 #include "TernTracking/VisibleViewController.hpp"
 #include "platform/Env.hpp"
 #include "tests/tracking/TrackingTestSupport.hpp"
@@ -25,192 +17,144 @@ namespace {
 
 using nlohmann::json;
 using std::make_shared;
+using Controllers = std::vector<std::shared_ptr<ViewController>>;
+using Text = std::optional<std::string>;
 
 // A view hierarchy built in memory, as a host app's UI layer would report it.
 struct FakeWindow final : Window {
-    std::shared_ptr<ViewController> root;
+    explicit FakeWindow(std::shared_ptr<ViewController> r = nullptr) : root(std::move(r)) {}
     std::shared_ptr<ViewController> rootViewController() override { return root; }
+    std::shared_ptr<ViewController> root;
 };
 
-std::shared_ptr<FakeWindow> windowWithRoot(std::shared_ptr<ViewController> root) {
-    auto window = make_shared<FakeWindow>();
-    window->root = std::move(root);
-    return window;
-}
-
+// A controller, or a container of the kind Base: tabs with the selected one, or a navigation
+// stack whose top shows, or what the top presents.
 template <class Base>
-struct FakeControllerOf : Base {
-    explicit FakeControllerOf(std::string named, std::optional<std::string> titled = std::nullopt)
+struct Fake : Base {
+    explicit Fake(std::string named, Text titled = std::nullopt)
         : name(std::move(named)), titleText(std::move(titled)) {}
     std::string className() override { return name; }
-    std::optional<std::string> title() override { return titleText; }
+    Text title() override { return titleText; }
     std::shared_ptr<Window> viewWindow() override { return window; }
     std::shared_ptr<ViewController> presentedViewController() override { return presented; }
+    Controllers viewControllers() { return children; }
+    std::shared_ptr<ViewController> selectedViewController() {
+        return selected >= 0 && selected < std::ssize(children) ? children[selected] : nullptr;
+    }
+    std::shared_ptr<ViewController> visibleViewController() {
+        if (children.empty()) return nullptr;
+        auto presentedByTop = children.back()->presentedViewController();
+        return presentedByTop ? presentedByTop : children.back();
+    }
 
     std::string name;
-    std::optional<std::string> titleText;
+    Text titleText;
     std::shared_ptr<Window> window;
     std::shared_ptr<ViewController> presented;
-};
-using FakeViewController = FakeControllerOf<ViewController>;
-
-struct FakeTabBarController final : FakeControllerOf<TabBarController> {
-    using FakeControllerOf::FakeControllerOf;
-    std::vector<std::shared_ptr<ViewController>> viewControllers() override { return tabs; }
-    std::shared_ptr<ViewController> selectedViewController() override {
-        return selected >= 0 && selected < static_cast<int>(tabs.size()) ? tabs[selected] : nullptr;
-    }
-    std::vector<std::shared_ptr<ViewController>> tabs;
+    Controllers children;
     int selected = 0;
 };
-
-struct FakeNavigationController final : FakeControllerOf<NavigationController> {
-    using FakeControllerOf::FakeControllerOf;
-    std::vector<std::shared_ptr<ViewController>> viewControllers() override { return stack; }
-    // The top of the stack, or what the top presents.
-    std::shared_ptr<ViewController> visibleViewController() override {
-        if (stack.empty()) return nullptr;
-        auto presentedByTop = stack.back()->presentedViewController();
-        return presentedByTop ? presentedByTop : stack.back();
-    }
-    std::vector<std::shared_ptr<ViewController>> stack;
-};
+using FakeViewController = Fake<ViewController>;
 
 struct FakeScene final : Scene {
-    ActivationState state = ActivationState::foregroundActive;
-    bool respondsToWindow = true;
-    std::shared_ptr<Window> window;
+    FakeScene(ActivationState s, bool responds, std::shared_ptr<ViewController> root)
+        : state(s), respondsToWindow(responds), window(make_shared<FakeWindow>(std::move(root))) {}
     ActivationState activationState() override { return state; }
     bool delegateRespondsToWindow() override { return respondsToWindow; }
     std::shared_ptr<Window> delegateWindow() override { return window; }
+    ActivationState state;
+    bool respondsToWindow;
+    std::shared_ptr<Window> window;
 };
 
 struct FakeApplication final : Application {
-    std::shared_ptr<Window> delegatesWindow, key;
-    std::vector<std::shared_ptr<Scene>> scenes;
     std::shared_ptr<Window> delegateWindow() override { return delegatesWindow; }
     std::shared_ptr<Window> keyWindow() override { return key; }
     std::vector<std::shared_ptr<Scene>> connectedScenes() override { return scenes; }
+    std::shared_ptr<Window> delegatesWindow, key;
+    std::vector<std::shared_ptr<Scene>> scenes;
 };
 
 TEST(VisibleViewControllerTest, FollowsPresentationsTabsAndNavigationStacks) {
-    auto mailboxes = make_shared<FakeViewController>("MailboxesViewController");
     auto thread = make_shared<FakeViewController>("ThreadViewController");
-    auto navigation = make_shared<FakeNavigationController>("UINavigationController");
-    navigation->stack = {mailboxes, thread};
+    auto navigation = make_shared<Fake<NavigationController>>("UINavigationController");
+    navigation->children = {make_shared<FakeViewController>("MailboxesViewController"), thread};
     auto settings = make_shared<FakeViewController>("SettingsViewController");
-    auto tabs = make_shared<FakeTabBarController>("UITabBarController");
-    tabs->tabs = {navigation, settings};
-
-    EXPECT_EQ(findVisibleViewController(settings), settings);
+    auto tabs = make_shared<Fake<TabBarController>>("UITabBarController");
+    tabs->children = {navigation, settings};
     EXPECT_EQ(findVisibleViewController(nullptr), nullptr);
     EXPECT_EQ(findVisibleViewController(tabs), thread);
     tabs->selected = 1;
     EXPECT_EQ(findVisibleViewController(tabs), settings);
 
     // A presentation wins over the container, and a presented container is searched in turn.
-    auto account = make_shared<FakeViewController>("AccountViewController");
-    auto presentedNavigation = make_shared<FakeNavigationController>("UINavigationController");
-    presentedNavigation->stack = {account};
-    tabs->presented = presentedNavigation;
-    EXPECT_EQ(findVisibleViewController(tabs), account);
-
+    tabs->presented = navigation;
+    EXPECT_EQ(findVisibleViewController(tabs), thread);
     // A presentation inside a navigation stack shows through the navigation's visible one.
-    tabs->presented = nullptr;
-    tabs->selected = 0;
     auto attachment = make_shared<FakeViewController>("AttachmentViewController");
     thread->presented = attachment;
     EXPECT_EQ(findVisibleViewController(tabs), attachment);
 
-    // Containers with nothing to show give nothing.
+    // Containers with nothing to show, and a presentation cycle, give nothing.
+    tabs->presented = nullptr;
     tabs->selected = -1;
     EXPECT_EQ(findVisibleViewController(tabs), nullptr);
-    navigation->stack.clear();
+    navigation->children.clear();
     EXPECT_EQ(findVisibleViewController(navigation), nullptr);
-}
-
-TEST(VisibleViewControllerTest, APresentationCycleEndsTheSearchWithNothing) {
-    auto first = make_shared<FakeViewController>("FirstViewController");
-    auto second = make_shared<FakeViewController>("SecondViewController");
-    first->presented = second;
-    second->presented = first;
-    EXPECT_EQ(findVisibleViewController(first), nullptr);
-    second->presented = nullptr;  // break the cycle so both can be freed
+    attachment->presented = thread;
+    EXPECT_EQ(findVisibleViewController(thread), nullptr);
+    attachment->presented = nullptr;  // break the cycle so both can be freed
 }
 
 TEST(RootViewControllerTest, TheOwnWindowElseTheApplicationsWindowsInOrder) {
     using State = Scene::ActivationState;
-    auto self = make_shared<FakeViewController>("SelfController");
-    auto ownRoot = make_shared<FakeViewController>("Own");
-    auto delegateRoot = make_shared<FakeViewController>("Delegate");
-    auto keyRoot = make_shared<FakeViewController>("Key");
-    auto sceneRoot = make_shared<FakeViewController>("Scene");
-    auto scene = [](State state, bool responds, std::shared_ptr<ViewController> root) {
-        auto made = make_shared<FakeScene>();
-        made->state = state;
-        made->respondsToWindow = responds;
-        made->window = windowWithRoot(std::move(root));
-        return made;
-    };
-    FakeApplication application;
+    auto root = [] { return make_shared<FakeViewController>("Root"); };
+    auto ownRoot = root(), delegateRoot = root(), keyRoot = root(), sceneRoot = root();
+    FakeViewController self("SelfController");
+    FakeApplication app;
 
     // No window anywhere, or only scenes that are not active in the foreground: no root.
-    EXPECT_EQ(findRootViewController(*self, &application), nullptr);
-    EXPECT_EQ(findRootViewController(*self, nullptr), nullptr);
-    application.scenes = {scene(State::background, true, sceneRoot),
-                          scene(State::unattached, true, sceneRoot),
-                          scene(State::foregroundActive, false, sceneRoot),
-                          scene(State::foregroundInactive, true, sceneRoot)};
-    EXPECT_EQ(findRootViewController(*self, &application), nullptr);
+    EXPECT_EQ(findRootViewController(self, &app), nullptr);
+    EXPECT_EQ(findRootViewController(self, nullptr), nullptr);
+    app.scenes = {make_shared<FakeScene>(State::foregroundInactive, true, sceneRoot),
+                  make_shared<FakeScene>(State::foregroundActive, false, sceneRoot)};
+    EXPECT_EQ(findRootViewController(self, &app), nullptr);
 
-    application.scenes.push_back(scene(State::foregroundActive, true, sceneRoot));
-    EXPECT_EQ(findRootViewController(*self, &application), sceneRoot);
-    application.key = windowWithRoot(nullptr);  // a window without a root is no root
-    EXPECT_EQ(findRootViewController(*self, &application), nullptr);
-    application.key = windowWithRoot(keyRoot);
-    EXPECT_EQ(findRootViewController(*self, &application), keyRoot);
-    application.delegatesWindow = windowWithRoot(delegateRoot);
-    EXPECT_EQ(findRootViewController(*self, &application), delegateRoot);
-
-    self->window = windowWithRoot(ownRoot);
-    EXPECT_EQ(findRootViewController(*self, &application), ownRoot);
-    EXPECT_EQ(findRootViewController(*self, nullptr), ownRoot);
+    app.scenes.push_back(make_shared<FakeScene>(State::foregroundActive, true, sceneRoot));
+    EXPECT_EQ(findRootViewController(self, &app), sceneRoot);
+    app.key = make_shared<FakeWindow>();  // a window without a root is no root
+    EXPECT_EQ(findRootViewController(self, &app), nullptr);
+    app.key = make_shared<FakeWindow>(keyRoot);
+    EXPECT_EQ(findRootViewController(self, &app), keyRoot);
+    app.delegatesWindow = make_shared<FakeWindow>(delegateRoot);
+    EXPECT_EQ(findRootViewController(self, &app), delegateRoot);
+    self.window = make_shared<FakeWindow>(ownRoot);
+    EXPECT_EQ(findRootViewController(self, &app), ownRoot);
 }
 
 TEST(ScreenViewNameTest, NamesComeFromTheClassNameElseTheTitle) {
-    struct Case {
-        std::string className;
-        std::optional<std::string> title;
-        std::optional<std::string> expected;
-    };
-    const Case cases[] = {
+    const struct { std::string className; Text title, expected; } cases[] = {
         {"InboxViewController", "Mail", "Inbox"},
-        {"Settings", std::nullopt, "Settings"},
         {"ViewController", "Compose", "Compose"},
-        {"ViewController", std::nullopt, std::nullopt},
-        {"ViewController", "", std::nullopt},
-        {"ViewControllerViewController", "Twice", "Twice"},
+        {"ViewController", "", std::nullopt},  // no title at all: the automatic views below
         {"MailViewControllerListViewController", std::nullopt, "MailList"},
         // Removal is one pass over the original text: pieces that meet after it stay.
         {"ViewViewControllerController", std::nullopt, "ViewController"},
-        {"", "Untitled", "Untitled"},
     };
     for (const auto& each : cases) {
         FakeViewController controller(each.className, each.title);
-        EXPECT_EQ(screenViewName(controller), each.expected)
-            << each.className << " / " << each.title.value_or("(no title)");
+        EXPECT_EQ(screenViewName(controller), each.expected) << each.className;
     }
 }
 
 // The screen views queued so far, oldest first, as "name data".
 std::vector<std::string> queuedScreenViews() {
-    auto graph = Tern::shared()->diGraph();
-    auto storage = graph->queueStorage();
+    auto storage = Tern::shared()->diGraph()->queueStorage();
     std::vector<std::string> views;
     for (const auto& entry : storage->getInventory()) {
         auto task = storage->get(entry.taskPersistedId);
-        auto data = graph->jsonAdapter()->fromJson<TrackEventQueueTaskData>(task.value().data);
-        auto body = json::parse(data.value().attributesJsonString);
+        auto data = json::parse(vontu::platform::toString(task->data));
+        auto body = json::parse(data["attributes_json_string"].get<std::string>());
         if (body["type"] == "screen") views.push_back(body["name"].get<std::string>() + " " +
                                                       body["data"].dump());
     }
@@ -228,83 +172,63 @@ void initialize(bool autoTrackScreenViews, std::function<json()> body = {}) {
     ASSERT_TRUE(cleanupFinished());
 }
 
-// Runs block on the platform's main thread, where the UI layer calls in, and waits for it.
-void onMain(const std::function<void()>& block) {
-    std::promise<void> done;
-    vontu::platform::Env::current().runOnMain([&] {
-        block();
-        done.set_value();
-    });
-    done.get_future().wait();
-}
-
 // One test, in order: the interception is installed once per process and stays.
 TEST(AutomaticScreenViewsTest, AppearAndDisappearTrackTheScreenThatIsVisibleThen) {
-    auto window = make_shared<FakeWindow>();
     auto inbox = make_shared<FakeViewController>("InboxViewController");
-    auto navigation = make_shared<FakeNavigationController>("UINavigationController");
-    navigation->stack = {inbox};
-    window->root = navigation;
-    inbox->window = window;
+    auto window = make_shared<FakeWindow>(inbox);
     auto application = make_shared<FakeApplication>();
     application->key = window;
     setScreenViewApplication(application);
 
     // Each call of a controller's own method notes how many screen views were queued by then.
+    // The calls come on the platform's main thread, as the UI layer makes them.
     std::vector<std::string> calls;
-    auto own = [&](const std::string& what) {
-        return [&calls, what] {
-            calls.push_back(what + " after " + std::to_string(queuedScreenViews().size()));
-        };
+    auto call = [&](auto intercepted, const std::string& what, ViewController& controller) {
+        std::promise<void> done;
+        vontu::platform::Env::current().runOnMain([&] {
+            intercepted(controller, [&] {
+                calls.push_back(what + " after " + std::to_string(queuedScreenViews().size()));
+            });
+            done.set_value();
+        });
+        done.get_future().wait();
     };
-    auto appear = [&](ViewController& controller) {
-        onMain([&] { viewControllerDidAppear(controller, own("appear")); });
-    };
-    auto disappear = [&](ViewController& controller) {
-        onMain([&] { viewControllerDidDisappear(controller, own("disappear")); });
-    };
+    auto appear = [&](ViewController& c) { call(viewControllerDidAppear, "appear", c); };
+    auto disappear = [&](ViewController& c) { call(viewControllerDidDisappear, "disappear", c); };
 
     // Left at its default the option installs nothing: only the controller's own methods run.
     initialize(false);
     Tern::shared()->identify("viewer");
-    EXPECT_FALSE(isAutomaticScreenViewTrackingInstalled());
     appear(*inbox);
     disappear(*inbox);
     EXPECT_EQ(calls, (std::vector<std::string>{"appear after 0", "disappear after 0"}));
 
     initialize(true);
-    EXPECT_TRUE(isAutomaticScreenViewTrackingInstalled());
     calls.clear();
     appear(*inbox);
-
     // A controller presented over the inbox, then dismissed: disappearing reports the inbox
     // again, after the controller's own method.
     auto compose = make_shared<FakeViewController>("ComposeViewController");
-    compose->window = window;
     inbox->presented = compose;
     appear(*compose);
     inbox->presented = nullptr;
-    compose->window = nullptr;
     disappear(*compose);
     EXPECT_EQ(calls, (std::vector<std::string>{"appear after 1", "appear after 2",
                                                "disappear after 2"}));
     EXPECT_EQ(queuedScreenViews(),
               (std::vector<std::string>{"Inbox {}", "Compose {}", "Inbox {}"}));
 
-    // No name, no screen view: a class called just "ViewController" without a title.
+    // No name, no screen view; the configured body goes with every automatic screen view.
     auto untitled = make_shared<FakeViewController>("ViewController");
-    navigation->stack = {inbox, untitled};
+    window->root = untitled;
     appear(*untitled);
     EXPECT_EQ(queuedScreenViews().size(), 3u);
-
-    // The configured body goes with every automatic screen view.
     untitled->titleText = "Settings";
     initialize(true, [] { return json{{"source", "automatic"}}; });
     appear(*untitled);
     EXPECT_EQ(queuedScreenViews().back(), R"(Settings {"source":"automatic"})");
 
     setScreenViewApplication(nullptr);
-    window->root = nullptr;  // the controllers hold the window: break the cycle
 }
 
 }  // namespace

@@ -2,21 +2,18 @@
 // when adding a task makes the queue run, which tasks a run sends and in what order, what
 // becomes of each, who is told when a run ends, and the runner's offer of tasks to the modules.
 
-#include <httplib.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <filesystem>
 #include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -31,6 +28,7 @@
 #include "Common/queue/TrackDeliveryEventRequestBody.hpp"
 #include "Common/util/AnyEncodable.hpp"
 #include "Common/util/TernThreadUtil.hpp"
+#include "tests/common/RecordingLogger.hpp"
 #include "tests/support/LoopbackServer.hpp"
 #include "tests/support/TestEnv.hpp"
 
@@ -39,130 +37,68 @@ namespace {
 
 using namespace std::chrono_literals;
 using Outcome = std::expected<void, HttpRequestError>;
+using Level = RecordingLogger::Level;
+using Ids = std::vector<std::string>;
+using nlohmann::json;
 
 constexpr auto generousDeadline = 30s;
 constexpr const char* siteId = "site1";
 const std::string runEnded = "queue out of tasks to run.";
-const std::string scheduledLine = "\u2139\uFE0F queue timer: scheduled to run queue in ";
+const std::string scheduledLine = "queue timer: scheduled to run queue in ";
 
-// A clock that stands still.
-class FixedClock final : public DateUtil {
-public:
-    explicit FixedClock(double seconds) : seconds_(seconds) {}
-    vontu::platform::Date now() const override { return {seconds_}; }
-
-private:
-    double seconds_;
+struct FixedClock final : DateUtil {
+    vontu::platform::Date now() const override { return {1700000123.75}; }
 };
 
-// Holds the real platform; a base class so that it exists before the wrapper refers to it.
-struct RealHost {
-    std::unique_ptr<vontu::testing::TestEnv> host = std::make_unique<vontu::testing::TestEnv>();
-};
-
-// A real LinuxEnv over a fresh state root with its main loop running, installed as the Env,
-// that keeps every log line of the library (without the site prefix) for the test.
-class LogCapturingEnv : private RealHost, public vontu::platform::EnvWrapper {
-public:
-    LogCapturingEnv() : EnvWrapper(host->env()) { vontu::platform::Env::setCurrent(this); }
-    ~LogCapturingEnv() override {
-        vontu::platform::Env::setCurrent(&host->env());
-        host.reset();  // the main loop and background threads stop while the lines are here
-    }
-
-    void writeLog(const std::string&, const std::string&, vontu::platform::LogType,
-                  const std::string& message) override {
-        const std::string prefix = std::string("(siteid:") + siteId + ") ";
-        std::lock_guard guard(mutex_);
-        lines_.push_back(message.starts_with(prefix) ? message.substr(prefix.size()) : message);
-        changed_.notify_all();
-    }
-    std::size_t countStartingWith(const std::string& start) const {
-        std::lock_guard guard(mutex_);
-        return static_cast<std::size_t>(std::ranges::count_if(
-            lines_, [&](const std::string& line) { return line.starts_with(start); }));
-    }
-    // True once a line that starts and ends so has been logged; false after the deadline.
-    bool waitFor(const std::string& start, const std::string& end = {}) const {
-        std::unique_lock guard(mutex_);
-        return changed_.wait_for(guard, generousDeadline, [&] {
-            return std::ranges::any_of(lines_, [&](const std::string& line) {
-                return line.starts_with(start) && line.ends_with(end);
-            });
-        });
-    }
-
-private:
-    mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
-    std::vector<std::string> lines_;
-};
-
-// A tracking API on 127.0.0.1 that records every request and answers with the status the
-// test's responder gives for the delivery id (200 by default). A responder may block to hold a
-// run in flight.
+// A tracking API on 127.0.0.1 that records every request (path, body) and answers with the status
+// the responder gives for the delivery id (200 by default); it may block to hold a run in flight.
 class TrackingServer {
 public:
-    struct Received {
-        std::string path;
-        std::string body;
-    };
-
-    TrackingServer()
-        : server_([this](httplib::Server& server) {
-              server.Post(".*", [this](const httplib::Request& request, httplib::Response& out) {
-                  std::function<int(const std::string&)> responder;
-                  {
-                      std::lock_guard guard(mutex_);
-                      received_.push_back({request.path, request.body});
-                      responder = responder_;
-                  }
-                  out.status = responder ? responder(deliveryId(request.body)) : 200;
-                  out.set_content(out.status == 200 ? "{}" : R"({"meta":{"error":"refused"}})",
-                                  "application/json");
-              });
-          }) {}
-
-    std::string origin() const { return "http://127.0.0.1:" + std::to_string(server_.port()); }
+    std::string origin() const { return server_.url(); }
     void respond(std::function<int(const std::string& deliveryId)> responder) {
         std::lock_guard guard(mutex_);
         responder_ = std::move(responder);
     }
-    std::vector<Received> received() const {
+    std::vector<std::pair<std::string, std::string>> received() const {
         std::lock_guard guard(mutex_);
         return received_;
     }
-    std::vector<std::string> receivedDeliveryIds() const {
-        std::vector<std::string> ids;
-        for (const auto& request : received()) ids.push_back(deliveryId(request.body));
+    Ids receivedDeliveryIds() const {
+        Ids ids;
+        for (const auto& request : received()) ids.push_back(deliveryId(request.second));
         return ids;
     }
     static std::string deliveryId(const std::string& body) {
-        auto json = nlohmann::json::parse(body, nullptr, false);
-        return json.is_object() && json["payload"].is_object()
-                   ? json["payload"].value("delivery_id", std::string())
-                   : std::string();
+        return nlohmann::json::parse(body).value(json::json_pointer("/payload/delivery_id"), "");
     }
 
 private:
     mutable std::mutex mutex_;
     std::function<int(const std::string&)> responder_;
-    std::vector<Received> received_;
-    vontu::testing::LoopbackServer server_;  // last: it stops before the state above goes
+    std::vector<std::pair<std::string, std::string>> received_;
+    vontu::testing::LoopbackServer server_{[this](httplib::Server& server) {  // last: stops first
+        server.Post(".*", [this](const httplib::Request& request, httplib::Response& out) {
+            std::unique_lock guard(mutex_);
+            received_.emplace_back(request.path, request.body);
+            auto responder = responder_;
+            guard.unlock();
+            out.status = responder ? responder(deliveryId(request.body)) : 200;
+            out.set_content(out.status == 200 ? "{}" : R"({"meta":{"error":"refused"}})",
+                            "application/json");
+        });
+    }};
 };
 
 // The platform's threads, counting the runs sent to the background.
-class CountingThreadUtil final : public ThreadUtil {
-public:
+struct CountingThreadUtil final : ThreadUtil {
     void runBackground(std::function<void()> block) override {
         ++backgroundJobs;
-        threads_.runBackground(std::move(block));
+        TernThreadUtil().runBackground(std::move(block));
     }
-    void runMain(std::function<void()> block) override { threads_.runMain(std::move(block)); }
+    void runMain(std::function<void()> block) override {
+        TernThreadUtil().runMain(std::move(block));
+    }
     std::atomic<int> backgroundJobs{0};
-
-private:
-    TernThreadUtil threads_;
 };
 
 // A module's hook that takes the tasks of one type and answers them at once. Every offer is
@@ -171,7 +107,7 @@ class TypeHook final : public QueueRunnerHook,
                        public ModuleHookProvider,
                        public std::enable_shared_from_this<TypeHook> {
 public:
-    TypeHook(std::string type, std::string name, std::vector<std::string>& offers, Outcome answer)
+    TypeHook(std::string type, std::string name, Ids& offers, Outcome answer)
         : type_(std::move(type)), name_(std::move(name)), offers_(offers), answer_(answer) {}
 
     bool runTask(const QueueTask& task, Completion onComplete) override {
@@ -185,43 +121,31 @@ public:
     std::shared_ptr<ScreenTrackingHook> screenTrackingHook() override { return nullptr; }
 
 private:
-    const std::string type_;
-    const std::string name_;
-    std::vector<std::string>& offers_;
+    const std::string type_, name_;
+    Ids& offers_;
     const Outcome answer_;
 };
 
-// Waits for a callback.
-class Signal {
-public:
-    std::function<void()> callback() {
-        return [this] { promise_.set_value(); };
-    }
-    bool wait() { return future_.wait_for(generousDeadline) == std::future_status::ready; }
-    bool fired() { return future_.wait_for(0s) == std::future_status::ready; }
+bool ready(std::future<void> future) {
+    return future.wait_for(generousDeadline) == std::future_status::ready;
+}
 
-private:
-    std::promise<void> promise_;
-    std::future<void> future_ = promise_.get_future();
-};
-
-// A dependency graph for siteId whose configuration points at the server and logs everything.
-// Queue settings default to "never run by itself" so that a test decides when runs happen.
+// A graph for siteId that sends to the server and keeps its log lines. Queue settings default
+// to "never run by itself" so that a test decides when runs happen.
 class QueueRunsTest : public ::testing::Test {
 protected:
-    SdkConfig configFor(const std::string& trackingApiUrl, std::int64_t minNumberOfTasks = 1000,
-                        double secondsDelay = 600.0) {
+    SdkConfig configFor(std::int64_t minNumberOfTasks = 1000, double secondsDelay = 600.0) {
         SdkConfig config;
-        config.trackingApiUrl = trackingApiUrl;
+        config.trackingApiUrl = server.origin();
         config.logLevel = TernLogLevel::debug;
         config.backgroundQueueMinNumberOfTasks = minNumberOfTasks;
         config.backgroundQueueSecondsDelay = secondsDelay;
         return config;
     }
     void makeGraph(std::int64_t minNumberOfTasks = 1000, double secondsDelay = 600.0) {
-        graph_ = std::make_unique<DIGraph>(
-            siteId, "key1", configFor(server.origin(), minNumberOfTasks, secondsDelay));
+        graph_ = std::make_unique<DIGraph>(siteId, "k", configFor(minNumberOfTasks, secondsDelay));
         graph_->override<ThreadUtil>(threads);
+        graph_->override<Logger>(logger);
     }
     DIGraph& graph() {
         if (!graph_) makeGraph();
@@ -229,30 +153,37 @@ protected:
     }
 
     QueueAddResult addDelivery(const std::string& deliveryId,
-                               const std::optional<QueueTaskGroup>& groupStart = std::nullopt,
-                               const std::optional<std::vector<QueueTaskGroup>>& blockingGroups =
-                                   std::nullopt) {
+                               const std::optional<QueueTaskGroup>& groupStart = {},
+                               const std::optional<std::vector<QueueTaskGroup>>& blocking = {}) {
         auto body = TrackDeliveryEventRequestBody::inApp(deliveryId, InAppMetric::opened,
                                                          {1700000000.0});
         return graph().queue()->addTask(TrackDeliveryEventRequestBody::queueTaskType,
-                                        AnyEncodable(body), groupStart, blockingGroups);
+                                        AnyEncodable(body), groupStart, blocking);
     }
     // Runs the queue and waits until the run has ended.
     bool runQueue() {
-        Signal done;
-        graph().queue()->run(done.callback());
-        return done.wait();
+        auto done = std::make_shared<std::promise<void>>();
+        graph().queue()->run([done] { done->set_value(); });
+        return ready(done->get_future());
+    }
+    long logged(Level level, const std::string& start) const {
+        auto lines = logger->messages(level);
+        return std::ranges::count_if(lines, [&](const auto& l) { return l.starts_with(start); });
     }
 
-    std::vector<QueueTaskMetadata> inventory() { return graph().queueStorage()->getInventory(); }
-    std::string idAt(std::size_t index) { return inventory().at(index).taskPersistedId; }
+    Ids inventoryIds() {
+        Ids ids;
+        for (auto& e : graph().queueStorage()->getInventory()) ids.push_back(e.taskPersistedId);
+        return ids;
+    }
     std::int64_t totalRunsOf(const std::string& storageId) {
         auto task = graph().queueStorage()->get(storageId);
         return task ? task->runResults.totalRuns : -1;
     }
 
-    LogCapturingEnv host;
+    vontu::testing::TestEnv testEnv;
     TrackingServer server;
+    std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
     std::shared_ptr<CountingThreadUtil> threads = std::make_shared<CountingThreadUtil>();
 
 private:
@@ -266,172 +197,118 @@ TEST_F(QueueRunsTest, BelowTheMinimumTheTimerIsScheduledOnceAndRunsTheQueue) {
     EXPECT_TRUE(addDelivery("one").success);
     EXPECT_TRUE(addDelivery("two").success);
 
-    EXPECT_EQ(host.countStartingWith(scheduledLine), 1u);
-    EXPECT_EQ(host.countStartingWith(scheduledLine + "2.0 seconds"), 1u);
-    ASSERT_TRUE(host.waitFor("\u2139\uFE0F queue timer: queue done running"));
-    EXPECT_EQ(server.receivedDeliveryIds(), (std::vector<std::string>{"one", "two"}));
-    EXPECT_EQ(host.countStartingWith("\u2139\uFE0F queue timer: now running queue"), 1u);
-    EXPECT_TRUE(inventory().empty());
+    EXPECT_EQ(logged(Level::info, scheduledLine), 1);
+    EXPECT_EQ(logged(Level::info, scheduledLine + "2.0 seconds"), 1);
+    ASSERT_TRUE(logger->waitForMessage("queue timer: queue done running", generousDeadline));
+    EXPECT_EQ(server.receivedDeliveryIds(), (Ids{"one", "two"}));
 }
 
 TEST_F(QueueRunsTest, ReachingTheMinimumCancelsTheTimerAndRunsAtOnce) {
     makeGraph(/*minNumberOfTasks=*/2, /*secondsDelay=*/600.0);
     addDelivery("one");
-    auto second = addDelivery("two");
-
-    EXPECT_EQ(second.queueStatus, (QueueStatus{siteId, 2}));
-    ASSERT_TRUE(host.waitFor("\u2139\uFE0F queue completed all tasks"));
-    EXPECT_EQ(server.receivedDeliveryIds(), (std::vector<std::string>{"one", "two"}));
-    ASSERT_TRUE(host.waitFor("Timer (", ") timer is being cancelled"));
+    EXPECT_EQ(addDelivery("two").queueStatus, (QueueStatus{siteId, 2}));
+    ASSERT_TRUE(logger->waitForMessage("queue completed all tasks", generousDeadline));
+    EXPECT_EQ(server.receivedDeliveryIds(), (Ids{"one", "two"}));
     addDelivery("three");  // the cancelled schedule no longer blocks a new one
-    EXPECT_EQ(host.countStartingWith(scheduledLine), 2u);
-    EXPECT_EQ(host.countStartingWith("\u2139\uFE0F queue timer: now running queue"), 0u);
+    EXPECT_EQ(logged(Level::info, scheduledLine), 2);
 }
 
-// A record that the JSON adapter refuses to write.
-struct UnwritableRecord {
+struct UnwritableRecord {  // the JSON adapter refuses to write it
     void encode(JsonEncoder& encoder) const { encoder.encode("value", std::nan("")); }
 };
 
 TEST_F(QueueRunsTest, DataThatCannotBeEncodedStoresNothingAndLeavesTheTimerAlone) {
     addDelivery("stored");
     auto result = graph().queue()->addTask("trackEvent", AnyEncodable(UnwritableRecord{}));
-
     EXPECT_EQ(result, (QueueAddResult{false, QueueStatus{siteId, 1}}));
-    EXPECT_EQ(inventory().size(), 1u);
-    EXPECT_EQ(host.countStartingWith("\U0001F6D1 fail adding queue task, json encoding fail."), 1u);
-    EXPECT_EQ(host.countStartingWith("processing queue status "), 1u);  // only the first add's
+    EXPECT_EQ(logged(Level::error, "fail adding queue task, json encoding fail."), 1);
+    EXPECT_EQ(logged(Level::debug, "processing queue status "), 1);  // only the first add's
 }
 
 TEST_F(QueueRunsTest, DeliveryMetricIsStoredAndSentAsTheTrackingServiceExpects) {
-    graph().override<DateUtil>(std::make_shared<FixedClock>(1700000123.75));
+    graph().override<DateUtil>(std::make_shared<FixedClock>());
     const std::string body =
         R"({"payload":{"delivery_id":"dlv-7","event":"clicked","timestamp":1700000123},)"
         R"("type":"in_app"})";
-
     ASSERT_TRUE(graph().queue()->addTrackInAppDeliveryTask("dlv-7", InAppMetric::clicked).success);
-    auto entry = inventory().at(0);
-    EXPECT_EQ(entry, (QueueTaskMetadata{entry.taskPersistedId, "trackDeliveryMetric",
-                                        std::nullopt, std::nullopt, entry.createdAt}));
-    EXPECT_EQ(vontu::platform::toString(graph().queueStorage()->get(entry.taskPersistedId)->data),
+    EXPECT_EQ(vontu::platform::toString(graph().queueStorage()->get(inventoryIds().at(0))->data),
               body);
     ASSERT_TRUE(runQueue());
-
-    auto received = server.received();
-    ASSERT_EQ(received.size(), 1u);
-    EXPECT_EQ(received[0].path, "/api/v1/tern_deliveries/events");
-    EXPECT_EQ(received[0].body, body);
-    EXPECT_TRUE(inventory().empty());
+    using Request = std::pair<std::string, std::string>;
+    EXPECT_EQ(server.received(), (std::vector{Request("/api/v1/tern_deliveries/events", body)}));
+    EXPECT_TRUE(inventoryIds().empty());
 }
 
 // --- Runs
 
-TEST_F(QueueRunsTest, EmptyQueueEndsTheRunAtOnce) {
-    ASSERT_TRUE(runQueue());
-    EXPECT_EQ(host.countStartingWith(runEnded), 1u);
-    EXPECT_TRUE(server.received().empty());
-    EXPECT_EQ(threads->backgroundJobs, 1);
-}
-
 TEST_F(QueueRunsTest, StartsDuringARunJoinItAndAreCalledInOrderWhenItEnds) {
     addDelivery("first");
     addDelivery("second");
-    auto arrived = std::make_shared<std::promise<void>>();
-    std::promise<void> release;
-    server.respond([arrived, held = release.get_future().share()](const std::string& id) {
-        if (id == "first") arrived->set_value();
+    std::promise<void> arrived, release;
+    server.respond([&arrived, held = release.get_future().share()](const std::string& id) {
+        if (id == "first") arrived.set_value();
         held.wait();
         return 200;
     });
-    std::mutex mutex;
-    std::vector<int> called;
-    auto record = [&](int caller) {
-        std::lock_guard guard(mutex);
-        called.push_back(caller);
-    };
-    Signal last;
-
-    graph().queue()->run([&] { record(1); });
-    // The run is under way, held at the server.
-    ASSERT_EQ(arrived->get_future().wait_for(generousDeadline), std::future_status::ready);
-    graph().queue()->run([&] { record(2); });
+    std::vector<int> called;  // by the run's thread, one after the other
+    std::promise<void> last;
+    graph().queue()->run([&] { called.push_back(1); });
+    ASSERT_TRUE(ready(arrived.get_future()));
+    graph().queue()->run([&] { called.push_back(2); });
     graph().queueRunRequest()->start([&] {
-        record(3);
-        last.callback()();
+        called.push_back(3);
+        last.set_value();
     });
     release.set_value();
 
-    ASSERT_TRUE(last.wait());
+    ASSERT_TRUE(ready(last.get_future()));
     EXPECT_EQ(threads->backgroundJobs, 1);
-    EXPECT_EQ(server.receivedDeliveryIds(), (std::vector<std::string>{"first", "second"}));
-    EXPECT_EQ(host.countStartingWith(runEnded), 1u);
-    std::lock_guard guard(mutex);
+    EXPECT_EQ(server.receivedDeliveryIds(), (Ids{"first", "second"}));
+    EXPECT_EQ(logged(Level::debug, runEnded), 1);
     EXPECT_EQ(called, (std::vector<int>{1, 2, 3}));
 }
 
-// Tasks run in inventory order. A failed task (404: neither retried nor deleted) is counted
-// and the search goes on behind it, past the members of the group it opens; after a success it
-// starts again at the front.
-TEST_F(QueueRunsTest, MembersOfAFailedGroupOpenerWaitWhileOthersRun) {
+// Tasks run in inventory order. A failed task (404: not retried) is counted and the search goes on
+// behind it, past the members of the group it opens; a rejected one (400) is deleted uncounted.
+// Once the task last run is gone, the search starts again at the front.
+TEST_F(QueueRunsTest, FailedTasksAreCountedAndMembersOfTheirGroupsWaitWhileOthersRun) {
     const auto group = QueueTaskGroup::identifiedProfile("ann");
     addDelivery("opener", group);
-    addDelivery("member", std::nullopt, std::vector{group});
-    addDelivery("loose");
-    addDelivery("other-member", std::nullopt,
-                std::vector{QueueTaskGroup::identifiedProfile("bob")});
-    const auto openerId = idAt(0);
-    const auto memberId = idAt(1);
-    server.respond([](const std::string& id) { return id == "opener" ? 404 : 200; });
-
-    ASSERT_TRUE(runQueue());
-
-    EXPECT_EQ(server.receivedDeliveryIds(),
-              (std::vector<std::string>{"opener", "loose", "opener", "other-member", "opener"}));
-    EXPECT_EQ(totalRunsOf(openerId), 3);
-    std::vector<std::string> left;
-    for (const auto& entry : inventory()) left.push_back(entry.taskPersistedId);
-    EXPECT_EQ(left, (std::vector{openerId, memberId}));
-}
-
-TEST_F(QueueRunsTest, BadRequestDeletesTheTaskWithoutCountingIt) {
+    addDelivery("member", {}, std::vector{group});
     addDelivery("rejected");
-    addDelivery("accepted");
-    const auto rejectedId = idAt(0);
-    server.respond([](const std::string& id) { return id == "rejected" ? 400 : 200; });
+    addDelivery("loose");
+    addDelivery("other-member", {}, std::vector{QueueTaskGroup::identifiedProfile("bob")});
+    const auto ids = inventoryIds();
+    server.respond([](const std::string& id) {
+        return id == "opener" ? 404 : id == "rejected" ? 400 : 200;
+    });
 
     ASSERT_TRUE(runQueue());
-
-    EXPECT_EQ(server.receivedDeliveryIds(), (std::vector<std::string>{"rejected", "accepted"}));
-    EXPECT_TRUE(inventory().empty());
-    EXPECT_EQ(graph().queueStorage()->get(rejectedId), std::nullopt);
-    EXPECT_EQ(host.countStartingWith("\U0001F6D1 Received HTTP 400 response while trying to "
-                                     "trackDeliveryMetric. 400 responses never succeed and "
-                                     "therefore, the SDK is deleting this SDK request and not "
-                                     "retry. Error message from API: refused"),
-              1u);
-    const auto shortId = TernQueueRunRequest::shortTaskId(rejectedId);
-    EXPECT_EQ(host.countStartingWith("queue task " + shortId + " updating run history"), 0u);
+    EXPECT_EQ(server.receivedDeliveryIds(),
+              (Ids{"opener", "rejected", "opener", "loose", "opener", "other-member", "opener"}));
+    EXPECT_EQ(totalRunsOf(ids[0]), 4);
+    EXPECT_EQ(inventoryIds(), (Ids{ids[0], ids[1]}));
+    EXPECT_EQ(logged(Level::error, "Received HTTP 400 response while trying to trackDeliveryMetric."
+                                   " 400 responses never"), 1);
+    const auto shortId = TernQueueRunRequest::shortTaskId(ids[2]);
+    EXPECT_EQ(logged(Level::debug, "queue task " + shortId + " updating run history"), 0);
 }
 
 TEST_F(QueueRunsTest, PausedRequestsEndTheRunWithNothingDeletedOrCounted) {
-    std::vector<std::string> offers;
-    auto paused = std::make_shared<TypeHook>("identifyProfile", "tracking", offers,
-                                             std::unexpected(HttpRequestError::requestsPaused()));
-    graph().hooksManager()->add(HookModule::tracking, paused);
-    auto identify = graph().queue()->addTask("identifyProfile", AnyEncodable(std::string("x")));
-    ASSERT_TRUE(identify.success);
+    Ids offers;
+    graph().hooksManager()->add(
+        HookModule::tracking,
+        std::make_shared<TypeHook>("identifyProfile", "tracking", offers,
+                                   std::unexpected(HttpRequestError::requestsPaused())));
+    ASSERT_TRUE(graph().queue()->addTask("identifyProfile", AnyEncodable(std::string())).success);
     addDelivery("after-the-pause");
-    const auto pausedId = idAt(0);
+    const auto pausedId = inventoryIds().at(0);
 
     ASSERT_TRUE(runQueue());
-
     EXPECT_TRUE(server.received().empty());
-    EXPECT_EQ(inventory().size(), 2u);
-    EXPECT_EQ(totalRunsOf(pausedId), 0);
+    EXPECT_EQ(totalRunsOf(pausedId), 0);  // neither counted nor deleted
     EXPECT_EQ(offers.size(), 1u);
-    EXPECT_EQ(host.countStartingWith("\u2139\uFE0F queue is quitting early because all HTTP "
-                                     "requests are paused."),
-              1u);
+    EXPECT_EQ(logged(Level::info, "queue is quitting early because all HTTP requests"), 1);
     ASSERT_TRUE(runQueue());  // the manager is idle again: the next run starts anew
     EXPECT_EQ(offers.size(), 2u);
 }
@@ -439,50 +316,45 @@ TEST_F(QueueRunsTest, PausedRequestsEndTheRunWithNothingDeletedOrCounted) {
 TEST_F(QueueRunsTest, MissingTaskFileEndsTheRunAndLeavesTheManagerRunning) {
     addDelivery("lost");
     addDelivery("never-sent");
-    const auto lostId = idAt(0);
-    std::filesystem::remove(*host.applicationSupportDirectory() / "dev.tern" / siteId / "queue" /
-                            "tasks" / (lostId + ".json"));
+    const auto lostId = inventoryIds().at(0);
+    std::filesystem::remove(*testEnv.env().applicationSupportDirectory() / "dev.tern" / siteId /
+                            "queue" / "tasks" / (lostId + ".json"));
 
-    Signal first;
-    graph().queue()->run(first.callback());
-    ASSERT_TRUE(host.waitFor("\U0001F6D1 Tried to get queue task with storage id: " + lostId));
-    Signal second;
-    graph().queue()->run(second.callback());
-
+    std::atomic<int> completed{0};
+    graph().queue()->run([&] { ++completed; });
+    ASSERT_TRUE(logger->waitForMessage("Tried to get queue task with storage id: " + lostId +
+                                           ", but storage couldn't find it.",
+                                       generousDeadline));
+    graph().queue()->run([&] { ++completed; });
     EXPECT_EQ(threads->backgroundJobs, 1);  // the second run() started nothing
-    EXPECT_FALSE(first.fired());
-    EXPECT_FALSE(second.fired());
-    EXPECT_EQ(host.countStartingWith(runEnded), 0u);
+    EXPECT_EQ(completed, 0);
+    EXPECT_EQ(logged(Level::debug, runEnded), 0);
     EXPECT_TRUE(server.received().empty());
-    EXPECT_EQ(inventory().size(), 2u);
 }
 
 TEST_F(QueueRunsTest, TasksAddedFromSeveralThreadsDuringRunsAreEachSentOnce) {
     makeGraph(/*minNumberOfTasks=*/1);
     std::vector<std::thread> adders;
-    std::set<std::string> expected;
-    for (int t = 0; t < 4; ++t) {
-        for (int i = 0; i < 25; ++i) expected.insert(std::to_string(t) + "-" + std::to_string(i));
+    for (int t = 0; t < 100; t += 25) {
         adders.emplace_back([this, t] {
-            for (int i = 0; i < 25; ++i) {
-                EXPECT_TRUE(addDelivery(std::to_string(t) + "-" + std::to_string(i)).success);
-            }
+            for (int i = t; i < t + 25; ++i) EXPECT_TRUE(addDelivery(std::to_string(i)).success);
         });
     }
     for (auto& adder : adders) adder.join();
     ASSERT_TRUE(runQueue());  // joins the run under way, or starts one for what is left
 
     auto sent = server.receivedDeliveryIds();
-    EXPECT_EQ(sent.size(), expected.size());
-    EXPECT_EQ(std::set<std::string>(sent.begin(), sent.end()), expected);
-    EXPECT_TRUE(inventory().empty());
-    EXPECT_EQ(host.countStartingWith("\u2139\uFE0F queue completed all tasks"), 100u);
+    std::ranges::sort(sent, {}, [](const std::string& id) { return std::stoi(id); });
+    Ids expected;
+    for (int i = 0; i < 100; ++i) expected.push_back(std::to_string(i));
+    EXPECT_EQ(sent, expected);  // each once
+    EXPECT_EQ(logged(Level::info, "queue completed all tasks"), 100);
 }
 
 // --- The runner
 
 TEST_F(QueueRunsTest, RunnerOffersOtherTasksToTheModulesInOrderUntilOneTakesThem) {
-    std::vector<std::string> offers;
+    Ids offers;
     const Outcome unauthorized = std::unexpected(HttpRequestError::unauthorized());
     auto hooks = std::make_shared<TernHooksManager>();
     hooks->add(HookModule::tracking,
@@ -490,16 +362,16 @@ TEST_F(QueueRunsTest, RunnerOffersOtherTasksToTheModulesInOrderUntilOneTakesThem
     hooks->add(HookModule::messagingPush,
                std::make_shared<TypeHook>("registerPushToken", "push", offers, unauthorized));
     TernQueueRunner runner(siteId, graph().jsonAdapter(), graph().logger(), graph().httpClient(),
-                           configFor(server.origin()), hooks);
+                           configFor(), hooks);
     std::vector<Outcome> outcomes;
     for (const char* type : {"registerPushToken", "syncInbox"}) {
         runner.runTask(QueueTask{"A", type, {}, {}}, [&](Outcome out) { outcomes.push_back(out); });
     }
-    EXPECT_EQ(offers, (std::vector<std::string>{"tracking", "push", "tracking", "push"}));
+    EXPECT_EQ(offers, (Ids{"tracking", "push", "tracking", "push"}));
     // The taker's outcome is the task's; a task that no module takes fails without a request.
     EXPECT_EQ(outcomes, (std::vector<Outcome>{
                             unauthorized, std::unexpected(HttpRequestError::noRequestMade({}))}));
-    EXPECT_EQ(host.countStartingWith("\U0001F6D1 task syncInbox not handled by any module"), 1u);
+    EXPECT_EQ(logged(Level::error, "task syncInbox not handled by any module"), 1);
 }
 
 }  // namespace

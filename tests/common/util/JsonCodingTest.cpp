@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include "Common/config/Region.hpp"
 #include "Common/util/AnyEncodable.hpp"
 #include "Common/util/StringAnyEncodable.hpp"
 #include "tests/common/RecordingLogger.hpp"
@@ -18,13 +17,13 @@ using testing::RecordingLogger;
 using vontu::platform::Bytes;
 using vontu::platform::Date;
 
+// Written with a string literal member that reading ignores, as it does every unknown key.
 struct Sample {
     std::string name;
     std::optional<std::int64_t> count;
     Date createdAt;
     std::vector<std::string> tags;
     std::optional<Bytes> blob;
-    std::optional<Region> region;
 
     static std::expected<Sample, DecodingError> decode(const JsonDecoder& decoder) {
         JsonRecordReader reader(decoder);
@@ -34,7 +33,6 @@ struct Sample {
         sample.createdAt = reader.decode<Date>("created_at");
         sample.tags = reader.decode<std::vector<std::string>>("tags");
         sample.blob = reader.decodeIfPresent<Bytes>("blob");
-        sample.region = reader.decodeIfPresent<Region>("region");
         if (!reader.ok()) return reader.failure();
         return sample;
     }
@@ -44,20 +42,17 @@ struct Sample {
         encoder.encode("created_at", createdAt);
         encoder.encode("tags", tags);
         encoder.encodeIfPresent("blob", blob);
-        encoder.encodeIfPresent("region", region);
+        encoder.encode("kind", "sample");
     }
     std::string description() const { return "Sample(name: \"" + name + "\")"; }
     bool operator==(const Sample&) const = default;
 };
 
-// Records of other shapes: only optional members, a string literal member, a decoder that
-// fails on its own, and a record written as a bare string.
+// Records of other shapes: only optional members, a decoder that fails on its own, and a
+// record written as a bare string.
 struct Note {
     std::optional<std::string> text;
     void encode(JsonEncoder& encoder) const { encoder.encodeIfPresent("text", text); }
-};
-struct Kind {
-    void encode(JsonEncoder& encoder) const { encoder.encode("kind", "fixed"); }
 };
 struct Checked {
     static std::expected<Checked, DecodingError> decode(const JsonDecoder&) {
@@ -72,55 +67,39 @@ struct Code {
 class JsonAdapterTest : public ::testing::Test {
 protected:
     std::vector<std::string> errors() const { return log->messages(RecordingLogger::Level::error); }
-    static Sample sample() { return Sample{"n", 3, Date{1.9}, {"a", "b"}, Bytes{1, 2}, Region::EU}; }
+    static Sample sample() { return Sample{"n", 3, Date{1.9}, {"a", "b"}, Bytes{1, 2}}; }
 
     std::shared_ptr<RecordingLogger> log = std::make_shared<RecordingLogger>();
     JsonAdapter adapter{log};
 };
 
 TEST_F(JsonAdapterTest, EncodesSortedKeysWithoutAbsentMembersAndReadsBack) {
-    const std::string full =
-        R"({"blob":"AQI=","count":3,"created_at":1,"name":"n","region":"EU","tags":["a","b"]})";
-    EXPECT_EQ(adapter.toJsonString(sample(), false), full);
-    Sample expected = sample();
-    expected.createdAt = Date{1};
-    EXPECT_EQ(adapter.fromJson<Sample>(full), expected);
-
-    Sample bare{"n", std::nullopt, Date{0}, {}, std::nullopt, std::nullopt};
-    EXPECT_EQ(adapter.toJsonString(bare, true), R"({"created_at":0,"name":"n","tags":[]})");
-    auto decoded = adapter.fromJson<Sample>(R"({"name":"n","created_at":0.5,"tags":[],"count":null})");
-    ASSERT_TRUE(decoded.has_value());
-    EXPECT_EQ(decoded->count, std::nullopt);
-    EXPECT_EQ(decoded->createdAt, Date{0.5});
-
+    // Leaving out absent members and reading null as absent are checked with the task records.
+    const std::string full = R"({"blob":"AQI=","count":3,"created_at":1,"kind":"sample","name":"n","tags":["a","b"]})";
+    EXPECT_EQ(adapter.toJsonString(sample(), true), full);
+    EXPECT_EQ(adapter.fromJson<Sample>(full), (Sample{"n", 3, Date{1}, {"a", "b"}, Bytes{1, 2}}));
     // Dates are written as whole seconds, truncated toward zero.
-    for (auto [seconds, text] : {std::pair{-1.9, "-1"}, {-0.5, "0"}, {1700000000.999, "1700000000"}}) {
-        EXPECT_EQ(adapter.toJsonString(Date{seconds}, false), text) << seconds;
-    }
+    EXPECT_EQ(adapter.toJsonString(Date{-1.9}, false), "-1");
+    EXPECT_EQ(adapter.toJsonString(Date{-0.5}, false), "0");
     // An object with nothing in it may count as absent.
     EXPECT_EQ(adapter.toJsonString(Note{}, true), std::nullopt);
     EXPECT_EQ(adapter.toJsonString(Note{}, false), "{}");
-    EXPECT_EQ(adapter.toJsonString(Kind{}, true), R"({"kind":"fixed"})");
     EXPECT_TRUE(errors().empty());
 }
 
 TEST_F(JsonAdapterTest, UnrepresentableValuesFailTheEncodingWithTheirPath) {
-    auto withDate = [](double seconds) {
-        Sample record = sample();
-        record.createdAt = Date{seconds};
-        return record;
-    };
-    Sample badTag = sample();
+    Sample nanDate = sample(), farDate = sample(), badTag = sample();
+    nanDate.createdAt = Date{std::nan("")};
+    farDate.createdAt = Date{1e19};
     badTag.tags.push_back("a\xff");
     const std::pair<Sample, std::string> cases[] = {
-        {withDate(std::nan("")), "Date(timeIntervalSince1970: nan), Json path: created_at"},
-        {withDate(1e19), "Date(timeIntervalSince1970: 1e+19), Json path: created_at"},
+        {nanDate, "Date(timeIntervalSince1970: nan), Json path: created_at"},
+        {farDate, "Date(timeIntervalSince1970: 1e+19), Json path: created_at"},
         {badTag, "\"a\uFFFD\", Json path: tags[2]"},
     };
     for (const auto& [record, detail] : cases) {
         EXPECT_EQ(adapter.toJson(record), std::nullopt) << detail;
-        EXPECT_EQ(errors().back(), "Encoding could not encode value. " + detail +
-                                       ", object: Sample(name: \"n\")");
+        EXPECT_EQ(errors().back(), "Encoding could not encode value. " + detail + ", object: Sample(name: \"n\")");
     }
     EXPECT_EQ(errors().size(), std::size(cases));
 }
@@ -128,30 +107,24 @@ TEST_F(JsonAdapterTest, UnrepresentableValuesFailTheEncodingWithTheirPath) {
 TEST_F(JsonAdapterTest, DecodingFailuresAreLoggedOnceWithPathAndJson) {
     const std::string valid = R"("created_at":0,"tags":[])";
     const std::pair<std::string, std::string> cases[] = {
-        {R"({"name":1,)" + valid + "}",
-         "Decode type did not match payload. Type: std::string, Json path: name"},
-        {R"({"name":null,)" + valid + "}",
-         "Decode non-optional value not found. Value: std::string, Json path: name"},
+        {R"({"name":null,)" + valid + "}", "Decode non-optional value not found. Value: std::string, Json path: name"},
         {"{" + valid + "}", "Decode key not found. Key: name,\nJson path: (root)"},
         {R"({"name":"n","created_at":0,"tags":["a",2]})",
          "Decode type did not match payload. Type: std::string, Json path: tags[1]"},
         {R"({"name":"n","count":1.5,)" + valid + "}", "Decode data corrupted. Json path: count"},
-        {R"({"name":"n","region":"XX",)" + valid + "}", "Decode data corrupted. Json path: region"},
         {"[]", "Decode type did not match payload. Type: nlohmann::json::object_t, Json path: (root)"},
         {R"({"name":)", "Decode data corrupted. Json path: (root)"},
     };
     for (const auto& [text, head] : cases) {
         const auto before = errors().size();
-        EXPECT_EQ(adapter.fromJson<Sample>(text), std::nullopt) << text;
+        EXPECT_EQ(adapter.fromJson<Sample>(text), std::nullopt);
         ASSERT_EQ(errors().size(), before + 1) << text;
         EXPECT_EQ(errors().back(), head + ", json: " + text);
     }
     EXPECT_EQ(adapter.fromJson<Sample>("{\"name\":\"\xc3\x28\"}"), std::nullopt);
-    EXPECT_EQ(errors().back(),
-              "Decode data corrupted. Json path: (root), json: (error getting json string)");
+    EXPECT_EQ(errors().back(), "Decode data corrupted. Json path: (root), json: (error getting json string)");
     EXPECT_EQ(adapter.fromJson<Checked>("{}"), std::nullopt);
-    EXPECT_EQ(errors().back(),
-              "Generic decode error. The operation could not be completed., json: {}");
+    EXPECT_EQ(errors().back(), "Generic decode error. The operation could not be completed., json: {}");
 
     // Failures asked to be silent are.
     const auto logged = errors().size();
@@ -165,38 +138,31 @@ TEST_F(JsonAdapterTest, NumbersAreRangeAndTypeChecked) {
     EXPECT_EQ(adapter.fromJson<std::int32_t>("2147483648"), std::nullopt);
     EXPECT_EQ(adapter.fromJson<std::uint32_t>("-1"), std::nullopt);
     EXPECT_EQ(adapter.fromJson<std::int64_t>("5.0"), 5);
-    EXPECT_EQ(adapter.fromJson<std::uint64_t>("18446744073709551615"),
-              std::numeric_limits<std::uint64_t>::max());
+    EXPECT_EQ(adapter.fromJson<std::uint64_t>("18446744073709551615"), std::numeric_limits<std::uint64_t>::max());
     EXPECT_EQ(adapter.fromJson<std::int64_t>("true"), std::nullopt);
-    EXPECT_EQ(errors().back(),
-              "Decode type did not match payload. Type: std::int64_t, Json path: (root), json: true");
+    EXPECT_EQ(errors().back(), "Decode type did not match payload. Type: std::int64_t, Json path: (root), json: true");
     EXPECT_EQ(adapter.fromJson<bool>("1"), std::nullopt);
     EXPECT_EQ(adapter.fromJson<double>("1"), 1.0);
 }
 
 TEST_F(JsonAdapterTest, DocumentsNestedBeyondTheLimitAreAbsentAndLogged) {
     for (std::size_t depth : {600u, 200000u}) {
-        EXPECT_EQ(adapter.fromJson<json>(std::string(depth, '[') + std::string(depth, ']')),
-                  std::nullopt);
+        EXPECT_EQ(adapter.fromJson<json>(std::string(depth, '[') + std::string(depth, ']')), std::nullopt);
         EXPECT_TRUE(errors().back().starts_with("Decode data corrupted. Json path: (root), json: [[[["));
     }
-    EXPECT_TRUE(adapter.fromJson<json>(std::string(maxJsonNestingDepth, '[') +
-                                       std::string(maxJsonNestingDepth, ']')));
+    EXPECT_TRUE(adapter.fromJson<json>(std::string(maxJsonNestingDepth, '[') + std::string(maxJsonNestingDepth, ']')));
 }
 
 TEST_F(JsonAdapterTest, DictionariesConvertToAndFromRecords) {
-    json dictionary = {{"name", "n"}, {"created_at", 7}, {"tags", {"x"}}};
+    json dictionary = {{"name", "n"}, {"created_at", 7}, {"tags", {"x"}}, {"kind", "sample"}};
     auto record = adapter.fromDictionary<Sample>(dictionary);
     ASSERT_TRUE(record.has_value());
-    EXPECT_EQ(record->tags, std::vector<std::string>{"x"});
     EXPECT_EQ(adapter.toDictionary(*record), dictionary);
     // A record not written as an object has no dictionary form.
     EXPECT_EQ(adapter.toDictionary(Code{"abc"}), std::nullopt);
-    EXPECT_TRUE(errors().empty());
 
     // Dictionaries without a JSON form are refused and logged.
-    EXPECT_EQ(adapter.fromDictionary<Sample>({{"name", "n"}, {"blob", json::binary({1, 2})}}),
-              std::nullopt);
+    EXPECT_EQ(adapter.fromDictionary<Sample>({{"name", "n"}, {"blob", json::binary({1, 2})}}), std::nullopt);
     ASSERT_EQ(errors().size(), 1u);
     EXPECT_TRUE(errors()[0].starts_with("Invalid value in JSON write at blob: ")) << errors()[0];
     EXPECT_NE(errors()[0].find(", dictionary: {"), std::string::npos);
@@ -206,41 +172,34 @@ TEST_F(JsonAdapterTest, DictionariesConvertToAndFromRecords) {
 
 TEST_F(JsonAdapterTest, StringAnyEncodableKeepsEncodableValuesAndDropsTheRestWithTheirKeys) {
     const std::pair<json, std::string> cases[] = {
-        {{{"s", "t"}, {"d", 1.5}, {"b", true}, {"list", {1, "two", {3}}},
-          {"nested", {{"inner", {{"deep", "x"}}}}}},
+        {{{"s", "t"}, {"d", 1.5}, {"b", true}, {"list", {1, "two", {3}}}, {"nested", {{"inner", {{"deep", "x"}}}}}},
          R"({"b":true,"d":1.5,"list":[1,"two",[3]],"nested":{"inner":{"deep":"x"}},"s":"t"})"},
-        {{{"keep", 1}, {"null", nullptr}, {"blob", json::binary({1})}}, R"({"keep":1})"},
-        {{{"keep", 1}, {"mixed", {1, nullptr}}}, R"({"keep":1})"},
-        {{{"objects", {{{"a", 1}}, {{"b", nullptr}}}}}, "{}"},
-        {{{"objects", {{{"a", 1}}}}}, R"({"objects":[{"a":1}]})"},
-        {{{"nested", {{"gone", nullptr}, {"kept", "y"}}}}, R"({"nested":{"kept":"y"}})"},
-        {{{"nested", {{"gone", nullptr}}}}, R"({"nested":{}})"},
+        // Nulls and bytes go, and so does an array holding either, even inside an object.
+        {{{"keep", 1}, {"null", nullptr}, {"blob", json::binary({1})}, {"mixed", {1, nullptr}},
+          {"objects", {{{"a", 1}}, {{"b", nullptr}}}}, {"fine", {{{"a", 1}}}}},
+         R"({"fine":[{"a":1}],"keep":1})"},
+        {{{"nested", {{"gone", nullptr}, {"kept", "y"}}}, {"emptied", {{"gone", nullptr}}}},
+         R"({"emptied":{},"nested":{"kept":"y"}})"},
         {json::array({1, 2}), "{}"},
     };
     for (const auto& [data, expected] : cases) {
         EXPECT_EQ(adapter.toJsonString(StringAnyEncodable(data), false), expected) << data.dump();
     }
-    std::vector<AnyEncodable> values{AnyEncodable(std::string("a")), AnyEncodable(2),
-                                     AnyEncodable(json{{"k", true}}),
+    std::vector<AnyEncodable> values{AnyEncodable(std::string("a")), AnyEncodable(2), AnyEncodable(json{{"k", true}}),
                                      AnyEncodable(StringAnyEncodable(json{{"z", nullptr}}))};
     EXPECT_EQ(adapter.toJsonString(values, false), R"(["a",2,{"k":true},{}])");
     EXPECT_TRUE(errors().empty());
 }
 
 TEST_F(JsonAdapterTest, StringAnyEncodableFailsWholeOnNonFiniteNumbersAndDeepNesting) {
-    EXPECT_EQ(adapter.toJsonString(StringAnyEncodable({{"keep", 1}, {"bad", {{"x", std::nan("")}}}}),
-                                   false),
-              std::nullopt);
+    EXPECT_EQ(adapter.toJsonString(StringAnyEncodable({{"keep", 1}, {"bad", {{"x", std::nan("")}}}}), false), std::nullopt);
     ASSERT_EQ(errors().size(), 1u);
     EXPECT_TRUE(errors()[0].starts_with(
         "Encoding could not encode value. nan, Json path: bad.x, object: StringAnyEncodable(data: "))
         << errors()[0];
 
-    json deep = json::object();
-    json* innermost = &deep;
-    for (std::size_t level = 0; level < maxJsonNestingDepth + 10; ++level) {
-        innermost = &((*innermost)["k"] = json::object());
-    }
+    json deep = 1;
+    for (std::size_t level = 0; level < maxJsonNestingDepth + 10; ++level) deep = json{{"k", std::move(deep)}};
     EXPECT_EQ(adapter.toJsonString(StringAnyEncodable(deep), false), std::nullopt);
     EXPECT_EQ(errors().size(), 2u);
 }

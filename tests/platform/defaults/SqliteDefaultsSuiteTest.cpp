@@ -11,8 +11,8 @@
 #include <fstream>
 #include <functional>
 #include <limits>
+#include <numeric>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -26,24 +26,20 @@ namespace {
 namespace fs = std::filesystem;
 using testing::TempDir;
 
-Bytes everyByte() {
-    Bytes bytes;
-    for (int b = 0; b < 256; ++b) bytes.push_back(static_cast<std::uint8_t>(b));
-    return bytes;
-}
-
 // A value of every type with the edge cases of each, and the JSON text it is written as
-// (null where the JSON form is not checked: too long, or read back as another type).
+// (null where the JSON form is not checked: too long, none, or read back as another type).
 struct TypedValue {
     std::string key;
     PlistValue value;
     const char* json;
 };
 
-std::vector<TypedValue> valuesOfEveryType() {
-    return {
+TEST(DefaultsRoundTrip, EveryTypeKeepsItsTypeInTheStoreInJsonAndThroughTheHostProgram) {
+    Bytes everyByte(256);
+    std::iota(everyByte.begin(), everyByte.end(), 0);
+    const double inf = std::numeric_limits<double>::infinity();
+    const TypedValue values[] = {
         {"string", "Grüße, 世界", R"("Grüße, 世界")"},
-        {"empty string", "", R"("")"},
         {"string with NUL", std::string("a\0b", 3), R"("a\u0000b")"},
         {"integer max", std::numeric_limits<std::int64_t>::max(), "9223372036854775807"},
         {"integer min", std::numeric_limits<std::int64_t>::min(), "-9223372036854775808"},
@@ -51,36 +47,29 @@ std::vector<TypedValue> valuesOfEveryType() {
         {"integral double", 3.0, "3.0"},
         {"huge double", 1.7976931348623157e308, "1.7976931348623157e+308"},
         {"tiny double", 4.9e-324, "5e-324"},
+        {"infinity", inf, nullptr},
         {"false", false, "false"},
         {"date", Date{1700000000.25}, R"({"$date":1700000000.25})"},
         {"date before 1970", Date{-86400.5}, R"({"$date":-86400.5})"},
-        {"data", toBytes("hi"), R"({"$data":"aGk="})"},
-        {"every byte", everyByte(), nullptr},
+        {"date at minus infinity", Date{-inf}, nullptr},
+        {"every byte", everyByte, nullptr},
         {"empty data", Bytes{}, R"({"$data":""})"},
         {"empty array", PlistArray{}, "[]"},
         {"empty dictionary", PlistDictionary{}, "{}"},
         // Only the exact forms are dates and data in JSON; the store keeps any dictionary.
         {"$date-keyed dictionary", PlistDictionary{{"$date", 5}}, nullptr},
-        {"$data-keyed dictionary", PlistDictionary{{"$data", "aGk="}}, nullptr},
         {"$date beside another key", PlistDictionary{{"$date", 1}, {"x", 2}}, R"({"$date":1,"x":2})"},
         {"$data that is no string", PlistDictionary{{"$data", 5}}, R"({"$data":5})"},
         {"nested",
-         PlistDictionary{
-             {"records", PlistArray{PlistDictionary{{"eml", "From: a@b\r\n\r\nbody"},
-                                                    {"gid", 7},
-                                                    {"seen", Date{12.0}}},
-                                    PlistArray{PlistArray{toBytes("x"), false, 2.5}}}},
-             {"", PlistDictionary{{"b", PlistArray{Date{3.0}}}}}},
+         PlistDictionary{{"records", PlistArray{PlistDictionary{{"eml", "From: a@b\r\n\r\nbody"}, {"gid", 7}, {"seen", Date{12.0}}},
+                                                PlistArray{PlistArray{toBytes("x"), false, 2.5}}}},
+                         {"", PlistDictionary{{"b", PlistArray{Date{3.0}}}}}},
          R"({"":{"b":[{"$date":3.0}]},"records":[{"eml":"From: a@b\r\n\r\nbody","gid":7,)"
          R"("seen":{"$date":12.0}},[[{"$data":"eA=="},false,2.5]]]})"},
     };
-}
-
-TEST(DefaultsRoundTrip, EveryTypeKeepsItsTypeInTheStoreInJsonAndThroughTheHostProgram) {
     const TempDir home;
     const auto preferences = home.path() / "preferences";
     fs::create_directories(preferences);
-    const auto values = valuesOfEveryType();
     PlistDictionary all, withJson;
     {
         auto suite = openSqliteDefaultsSuite(preferences / "library.sqlite");
@@ -102,24 +91,21 @@ TEST(DefaultsRoundTrip, EveryTypeKeepsItsTypeInTheStoreInJsonAndThroughTheHostPr
         EXPECT_EQ(info.st_mode & 0777, 0600u) << path;
     }
 
-    const fs::path program = VONTU_DEFAULTS_PROGRAM;
     for (const auto& [key, value, json] : values) {
-        SCOPED_TRACE(key);
-        EXPECT_EQ(reopened->objectForKey(key), value);
         if (!json) continue;
-        EXPECT_EQ(plistToJson(value).dump(), json);
-        EXPECT_EQ(plistFromJson(nlohmann::json::parse(json)), value);
-        const auto write = testing::runProcess(
-            program, {"--home", home.path().string(), "write", "program", key, json});
-        EXPECT_EQ(write.exitCode, 0) << write.err;
-        EXPECT_EQ(write.out, "");
+        EXPECT_EQ(plistToJson(value).dump(), json) << key;
+        EXPECT_EQ(plistFromJson(nlohmann::json::parse(json)), value) << key;
     }
     // The program reads what the library wrote, and the library what the program wrote.
+    const fs::path program = VONTU_DEFAULTS_PROGRAM;
     const auto read = testing::runProcess(program, {"--home", home.path().string(), "read", "library"});
     EXPECT_EQ(read.out, plistToJson(PlistValue(all)).dump() + "\n") << read.err;
+    const auto write = testing::runProcess(
+        program, {"--home", home.path().string(), "write", "program", "all", plistToJson(PlistValue(withJson)).dump()});
+    EXPECT_EQ(write.exitCode, 0) << write.err;
     auto written = openSqliteDefaultsSuite(preferences / "program.sqlite");
     ASSERT_TRUE(written);
-    EXPECT_EQ(written->dictionaryRepresentation(), withJson);
+    EXPECT_EQ(written->objectForKey("all"), PlistValue(withJson));
 }
 
 TEST(PlistJson, ReadsOtherFormsAndRefusesJsonWithoutPropertyListForm) {
@@ -127,22 +113,15 @@ TEST(PlistJson, ReadsOtherFormsAndRefusesJsonWithoutPropertyListForm) {
         {"1e3", PlistValue(1000.0)},
         // Integers that a signed 64-bit value cannot hold become doubles.
         {"9223372036854775808", PlistValue(9223372036854775808.0)},
-        {"18446744073709551616", PlistValue(18446744073709551616.0)},
         {R"([{"$date": -12}, {"$date": "soon"}])",
          PlistValue(PlistArray{Date{-12.0}, PlistDictionary{{"$date", "soon"}}})},
     };
-    for (const auto& [text, expected] : reads) {
-        EXPECT_EQ(plistFromJson(nlohmann::json::parse(text)), expected) << text;
-    }
+    for (const auto& [text, expected] : reads) EXPECT_EQ(plistFromJson(nlohmann::json::parse(text)), expected) << text;
     const std::string refused[] = {
-        "null", R"({"a": [1, null]})", R"({"$data": "not base64!"})", R"([{"$data": "a=Gk"}])",
+        R"({"a": [1, null]})", R"({"$data": "not base64!"})", R"([{"$data": "a=Gk"}])",
         std::string(20000, '[') + std::string(20000, ']'),
     };
-    for (const auto& text : refused) {
-        const auto read = plistFromJson(nlohmann::json::parse(text));
-        ASSERT_FALSE(read.has_value()) << text.substr(0, 40);
-        EXPECT_FALSE(read.error().empty());
-    }
+    for (const auto& text : refused) EXPECT_FALSE(plistFromJson(nlohmann::json::parse(text))) << text.substr(0, 40);
 }
 
 class SqliteDefaultsSuiteTest : public ::testing::Test {
@@ -153,21 +132,13 @@ protected:
     TempDir dir_;
 };
 
-TEST_F(SqliteDefaultsSuiteTest, KeepsNumbersAndDatesThatAreNotFinite) {
+TEST_F(SqliteDefaultsSuiteTest, KeepsNotANumber) {
     auto suite = open();
-    ASSERT_TRUE(suite);
-    const double inf = std::numeric_limits<double>::infinity();
-    for (double number : {std::nan(""), inf, -inf}) {
-        ASSERT_TRUE(suite->setObject(number, "double"));
-        ASSERT_TRUE(suite->setObject(Date{number}, "date"));
-        const auto stored = suite->objectForKey("double");
-        const auto date = suite->objectForKey("date");
-        ASSERT_TRUE(stored && stored->is<double>() && date && date->is<Date>()) << number;
-        const double back[] = {*stored->as<double>(), date->as<Date>()->secondsSince1970};
-        for (double value : back) {
-            EXPECT_TRUE(std::isnan(number) ? std::isnan(value) : value == number) << number;
-        }
-    }
+    ASSERT_TRUE(suite && suite->setObject(std::nan(""), "double") && suite->setObject(Date{std::nan("")}, "date"));
+    const auto number = suite->objectForKey("double");
+    const auto date = suite->objectForKey("date");
+    ASSERT_TRUE(number && number->is<double>() && date && date->is<Date>());
+    EXPECT_TRUE(std::isnan(*number->as<double>()) && std::isnan(date->as<Date>()->secondsSince1970));
 }
 
 TEST_F(SqliteDefaultsSuiteTest, ReplacesAndRemovesKeysAndRefusesValuesWithoutStoredForm) {
@@ -193,13 +164,13 @@ TEST_F(SqliteDefaultsSuiteTest, ReplacesAndRemovesKeysAndRefusesValuesWithoutSto
 
 // ---- Damaged stores read as absent and never crash.
 
-void writeFile(const fs::path& path, const std::string& contents) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
-}
-
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+// Runs SQL on the file directly, as another program could.
+int executeSql(const fs::path& file, const std::string& sql) {
+    sqlite3* db = nullptr;
+    int status = sqlite3_open(file.c_str(), &db);
+    if (status == SQLITE_OK) status = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+    return status;
 }
 
 TEST_F(SqliteDefaultsSuiteTest, DamagedFilesNeverGiveWrongValuesOrCrash) {
@@ -210,11 +181,9 @@ TEST_F(SqliteDefaultsSuiteTest, DamagedFilesNeverGiveWrongValuesOrCrash) {
         for (int i = 0; i < 200; ++i) ASSERT_TRUE(suite->setObject(stored, "key" + std::to_string(i)));
     }
     // Suites leave their log for the next process; fold it into the file to damage it.
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(file().c_str(), &db), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(db, "PRAGMA wal_checkpoint(TRUNCATE)", nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(db);
-    const auto intact = readFile(file());
+    ASSERT_EQ(executeSql(file(), "PRAGMA wal_checkpoint(TRUNCATE)"), SQLITE_OK);
+    std::ifstream in(file(), std::ios::binary);
+    const std::string intact{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     ASSERT_GT(intact.size(), 8192u);
     const std::pair<const char*, std::function<std::string(std::string)>> damages[] = {
         {"truncated", [](std::string s) { return s.substr(0, s.size() / 2); }},
@@ -226,17 +195,11 @@ TEST_F(SqliteDefaultsSuiteTest, DamagedFilesNeverGiveWrongValuesOrCrash) {
     for (const auto& [name, damage] : damages) {
         SCOPED_TRACE(name);
         // A log left by the previous round would be replayed over this round's file.
-        fs::remove(file().string() + "-wal");
-        fs::remove(file().string() + "-shm");
-        writeFile(file(), damage(intact));
+        for (const char* log : {"-wal", "-shm"}) fs::remove(file().string() + log);
+        std::ofstream(file(), std::ios::binary | std::ios::trunc) << damage(intact);
         auto suite = open();
         if (!suite) continue;  // not a usable database: absent
-        for (int i = 0; i < 200; ++i) {
-            const auto value = suite->objectForKey("key" + std::to_string(i));
-            if (value) {
-                EXPECT_EQ(*value, stored);
-            }
-        }
+        for (int i = 0; i < 200; ++i) EXPECT_EQ(suite->objectForKey("key" + std::to_string(i)).value_or(stored), stored);
         for (const auto& [key, value] : suite->dictionaryRepresentation()) EXPECT_EQ(value, stored) << key;
         suite->setObject(1, "new");
         suite->removeObject("key1");
@@ -244,11 +207,9 @@ TEST_F(SqliteDefaultsSuiteTest, DamagedFilesNeverGiveWrongValuesOrCrash) {
 }
 
 TEST_F(SqliteDefaultsSuiteTest, RowsThatCannotBeReadAreAbsent) {
-    {
-        auto suite = open();
-        ASSERT_TRUE(suite);
-        ASSERT_TRUE(suite->setObject("fine", "good"));
-    }
+    auto suite = open();
+    ASSERT_TRUE(suite && suite->setObject("fine", "good"));
+    // Rows that another writer put there, read through the suite that is already open.
     const std::string unreadable[] = {
         "not json",
         R"("bare string")",
@@ -260,27 +221,11 @@ TEST_F(SqliteDefaultsSuiteTest, RowsThatCannotBeReadAreAbsent) {
         R"(["m", {"a": "untagged"}])",
         std::string(2000, '[') + R"("s", "x")" + std::string(2000, ']'),
     };
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(file().c_str(), &db), SQLITE_OK);
-    sqlite3_stmt* insert = nullptr;
-    ASSERT_EQ(sqlite3_prepare_v2(db, "INSERT INTO defaults (key, value) VALUES (?1, ?2)", -1,
-                                 &insert, nullptr),
-              SQLITE_OK);
+    std::string sql = "INSERT INTO defaults VALUES ('blob', x'00ff');";
     for (std::size_t i = 0; i < std::size(unreadable); ++i) {
-        const auto key = "bad" + std::to_string(i);
-        sqlite3_bind_text(insert, 1, key.c_str(), -1, SQLITE_TRANSIENT);
-        sqlite3_bind_text(insert, 2, unreadable[i].data(), static_cast<int>(unreadable[i].size()),
-                          SQLITE_TRANSIENT);
-        EXPECT_EQ(sqlite3_step(insert), SQLITE_DONE);
-        sqlite3_reset(insert);
+        sql += "INSERT INTO defaults VALUES ('bad" + std::to_string(i) + "', '" + unreadable[i] + "');";
     }
-    sqlite3_finalize(insert);
-    EXPECT_EQ(sqlite3_exec(db, "INSERT INTO defaults VALUES ('blob', x'00ff')", nullptr, nullptr, nullptr),
-              SQLITE_OK);
-    sqlite3_close(db);
-
-    auto suite = open();
-    ASSERT_TRUE(suite);
+    ASSERT_EQ(executeSql(file(), sql), SQLITE_OK);
     for (std::size_t i = 0; i < std::size(unreadable); ++i) {
         EXPECT_EQ(suite->objectForKey("bad" + std::to_string(i)), std::nullopt) << unreadable[i];
     }
@@ -294,61 +239,39 @@ TEST_F(SqliteDefaultsSuiteTest, RowsThatCannotBeReadAreAbsent) {
 // (made "nobody" when the tests run as root, which needs a temporary directory that others may
 // pass through, as /tmp is). The child reports the first failed check.
 std::string runUnprivileged(const fs::path& dir, const std::function<std::string()>& scenario) {
-    if (::geteuid() == 0) {
-        constexpr uid_t nobody = 65534;
-        if (::chown(dir.c_str(), nobody, nobody) != 0 || ::chmod(dir.c_str(), 0700) != 0) {
-            return "cannot hand the directory over";
-        }
+    constexpr uid_t nobody = 65534;
+    const bool root = ::geteuid() == 0;
+    if (root && (::chown(dir.c_str(), nobody, nobody) != 0 || ::chmod(dir.c_str(), 0700) != 0)) {
+        return "cannot hand the directory over";
     }
-    int report[2];
-    if (::pipe(report) != 0) return "no pipe";
+    const auto report = dir / "failure.txt";
     const pid_t child = ::fork();
     if (child == 0) {
-        ::close(report[0]);
-        std::string failure;
-        if (::geteuid() == 0 &&
-            (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0)) {
-            failure = "cannot drop privileges";
-        } else {
-            failure = scenario();
-        }
-        [[maybe_unused]] auto written = ::write(report[1], failure.data(), failure.size());
-        ::_exit(failure.empty() ? 0 : 1);
+        const bool dropped = !root || (::setgroups(0, nullptr) == 0 && ::setgid(nobody) == 0 && ::setuid(nobody) == 0);
+        std::ofstream(report) << (dropped ? scenario() : "cannot drop privileges");
+        ::_exit(0);
     }
-    ::close(report[1]);
-    std::string failure;
-    char buffer[512];
-    for (ssize_t n; (n = ::read(report[0], buffer, sizeof buffer)) > 0;) {
-        failure.append(buffer, static_cast<std::size_t>(n));
-    }
-    ::close(report[0]);
     int status = 0;
     ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? failure : "the child crashed";
+    std::ifstream in(report);
+    if (!WIFEXITED(status) || !in) return "the child crashed or reported nothing";
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 TEST_F(SqliteDefaultsSuiteTest, ReadOnlyFilesReadButRefuseWritesAndReadOnlyDirectoriesGetNoSuite) {
     const auto failure = runUnprivileged(dir_.path(), [this]() -> std::string {
-        {
-            auto suite = open();
-            if (!suite || !suite->setObject("kept", "k")) return "cannot prepare the suite";
-        }
+        if (auto suite = open(); !suite || !suite->setObject("kept", "k")) return "cannot prepare the suite";
         if (::chmod(file().c_str(), 0400) != 0) return "cannot protect the file";
         auto suite = open();
         if (!suite) return "a read-only suite does not open";
         if (suite->objectForKey("k") != PlistValue("kept")) return "the stored value is lost";
         if (suite->setObject("new", "k")) return "a write to a read-only file succeeded";
-        if (suite->setObject("new", "other")) return "an insert into a read-only file succeeded";
         if (suite->removeObject("k")) return "a removal from a read-only file succeeded";
         if (suite->objectForKey("k") != PlistValue("kept")) return "the stored value changed";
 
         const auto inner = dir_.path() / "locked";
-        if (!fs::create_directory(inner) || ::chmod(inner.c_str(), 0500) != 0) {
-            return "cannot protect the directory";
-        }
-        if (openSqliteDefaultsSuite(inner / "suite.sqlite") != nullptr) {
-            return "a suite opened in a read-only directory";
-        }
+        if (!fs::create_directory(inner) || ::chmod(inner.c_str(), 0500) != 0) return "cannot protect the directory";
+        if (openSqliteDefaultsSuite(inner / "suite.sqlite")) return "a suite opened in a read-only directory";
         if (fs::exists(inner / "suite.sqlite")) return "a file appeared";
         return "";
     });
