@@ -24,30 +24,22 @@ inline constexpr const char* testSiteId = "5ca1ab1e0ddba11c0ffe";
 inline constexpr const char* testApiKey = "0123456789abcdef0123";
 inline constexpr const char* imageUrl = "https://cdn.example.com/images/banner.png";
 
-// A complete 1x1 PNG: attachments are checked by their leading bytes.
+// Attachments are recognised by their leading bytes: the PNG signature is enough.
 inline std::filesystem::path writePng(const std::filesystem::path& path) {
-    static const unsigned char png[] = {
-        0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x48,
-        0x44, 0x52, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x01, 0x08, 0x06, 0x00, 0x00,
-        0x00, 0x1F, 0x15, 0xC4, 0x89, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x44, 0x41, 0x54, 0x78,
-        0x9C, 0x63, 0x00, 0x01, 0x00, 0x00, 0x05, 0x00, 0x01, 0x0D, 0x0A, 0x2D, 0xB4, 0x00,
-        0x00, 0x00, 0x00, 0x49, 0x45, 0x4E, 0x44, 0xAE, 0x42, 0x60, 0x82};
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(png), sizeof png);
+    std::ofstream(path, std::ios::binary) << "\x89PNG\r\n\x1a\n";
     return path;
 }
 
 // The user info of a Tern push: the delivery keys, and "TERN" when tern is given.
 inline json ternUserInfo(std::optional<json> tern = std::nullopt) {
     json userInfo = {{"aps", {{"alert", "Half price today"}, {"mutable-content", 1}}},
-                     {"TERN-Delivery-ID", "delivery-1"},
-                     {"TERN-Delivery-Token", "device-token-1"}};
+                     {"TERN-Delivery-ID", "delivery-1"}, {"TERN-Delivery-Token", "device-token-1"}};
     if (tern) userInfo["TERN"] = *tern;
     return userInfo;
 }
 inline json richUserInfo(json push) { return ternUserInfo(json{{"push", std::move(push)}}); }
 
-inline vontu::platform::NotificationRequest request(json userInfo,
-                                                    std::string identifier = "request-1") {
+inline vontu::platform::NotificationRequest request(json userInfo, std::string identifier = "request-1") {
     vontu::platform::NotificationRequest made;
     made.identifier = std::move(identifier);
     made.content.title = "Sale";
@@ -60,35 +52,25 @@ inline std::shared_ptr<TernParsedPushPayload> parse(const vontu::platform::Notif
     static const auto adapter = std::make_shared<JsonAdapter>(std::make_shared<RecordingLogger>());
     return TernParsedPushPayload::parse(content, adapter);
 }
-inline std::shared_ptr<TernParsedPushPayload> parse(const json& userInfo) {
-    return parse(request(userInfo).content);
-}
+inline std::shared_ptr<TernParsedPushPayload> parse(const json& userInfo) { return parse(request(userInfo).content); }
 
 // Collects the contents a handler is given (the tests' handlers are all called on one thread).
 struct ContentRecorder {
     std::vector<vontu::platform::NotificationContent> contents;
-    std::function<void(const vontu::platform::NotificationContent&)> handler() {
-        return [this](const vontu::platform::NotificationContent& content) {
-            contents.push_back(content);
-        };
+    auto handler() {
+        return [this](const vontu::platform::NotificationContent& content) { contents.push_back(content); };
     }
 };
 
-// An HTTP client whose downloads the test completes by hand. Downloads may start on any
-// thread; the test reads what was asked once they have.
+// An HTTP client whose downloads the test completes by hand, from whichever thread started them.
 struct ManualHttpClient final : HttpClient {
-    void request(HttpRequestParams, RequestCompletion onComplete) override {
-        onComplete(std::unexpected(HttpRequestError::noRequestMade(std::nullopt)));
-    }
+    void request(HttpRequestParams, RequestCompletion done) override { done(std::unexpected(HttpRequestError::noRequestMade(std::nullopt))); }
     void downloadFile(Url url, DownloadFileType, DownloadCompletion onComplete) override {
         std::lock_guard lock(mutex);
         urls.push_back(url.absoluteString());
         downloads.push_back(std::move(onComplete));
     }
-    void cancel(bool finishTasks) override {
-        std::lock_guard lock(mutex);
-        cancels.push_back(finishTasks);
-    }
+    void cancel(bool finishTasks) override { std::lock_guard lock(mutex); cancels.push_back(finishTasks); }
     std::mutex mutex;
     std::vector<std::string> urls;
     std::vector<DownloadCompletion> downloads;  // called with the file, or with none
@@ -96,46 +78,32 @@ struct ManualHttpClient final : HttpClient {
 };
 
 // A queue that only counts its runs; each run ends at once, on the caller's thread.
-class CountingQueue final : public Queue {
-public:
+struct CountingQueue final : Queue {
     QueueAddResult addTrackInAppDeliveryTask(const std::string&, InAppMetric) override { return {}; }
-    QueueAddResult addTask(const std::string&, const AnyEncodable&,
-                           const std::optional<QueueTaskGroup>&,
-                           const std::optional<std::vector<QueueTaskGroup>>&) override {
-        return {};
-    }
-    void run(Completion onComplete) override {
-        ++runs;
-        onComplete();
-    }
+    QueueAddResult addTask(const std::string&, const AnyEncodable&, const std::optional<QueueTaskGroup>&,
+                           const std::optional<std::vector<QueueTaskGroup>>&) override { return {}; }
+    void run(Completion onComplete) override { ++runs, onComplete(); }
     void deleteExpiredTasks() override {}
     std::atomic<int> runs = 0;
 };
 
-// Tells the push module the test's own graph (or none), and the process's Tern object for the
-// tracking calls.
-class StubSdkInitializedUtil final : public SdkInitializedUtil {
-public:
-    explicit StubSdkInitializedUtil(std::shared_ptr<DIGraph> diGraph) : diGraph_(std::move(diGraph)) {}
+// Gives the push module the test's own graph (or none), and the process's Tern object.
+struct StubSdkInitializedUtil final : SdkInitializedUtil {
+    explicit StubSdkInitializedUtil(std::shared_ptr<DIGraph> graph) : diGraph(std::move(graph)) {}
     std::shared_ptr<Tern> tern() override { return Tern::shared(); }
-    bool isInitlaized() override { return diGraph_ != nullptr; }
+    bool isInitlaized() override { return diGraph != nullptr; }
     std::optional<PostInitializedData> postInitializedData() override {
-        if (!diGraph_) return std::nullopt;
-        return PostInitializedData{diGraph_->siteId(), diGraph_};
+        return diGraph ? std::optional(PostInitializedData{diGraph->siteId(), diGraph}) : std::nullopt;
     }
-
-private:
-    const std::shared_ptr<DIGraph> diGraph_;
+    const std::shared_ptr<DIGraph> diGraph;
 };
 
-// Initialises the process's Tern object once with the default queue settings: tasks are queued
-// but no run starts before ten of them, so the tests read what was queued.
+// Initialises the process's Tern object once with the default queue settings: no run starts
+// before ten tasks are queued, so the tests read what was queued.
 inline void initializeTernOnce() {
     static std::once_flag initialized;
     std::call_once(initialized, [] {
-        Tern::initialize(testSiteId, testApiKey, Region::US, [](SdkConfig& config) {
-            config.trackingApiUrl = "http://127.0.0.1:9";
-        });
+        Tern::initialize(testSiteId, testApiKey, Region::US, [](SdkConfig& config) { config.trackingApiUrl = "http://127.0.0.1:9"; });
     });
 }
 
@@ -144,10 +112,8 @@ inline std::vector<json> queuedPushMetrics() {
     std::vector<json> metrics;
     auto storage = Tern::shared()->diGraph()->queueStorage();
     for (const auto& entry : storage->getInventory()) {
-        if (entry.taskType != "trackPushMetric") continue;
-        if (auto task = storage->get(entry.taskPersistedId)) {
-            metrics.push_back(json::parse(vontu::platform::toString(task->data), nullptr, false));
-        }
+        auto task = entry.taskType == "trackPushMetric" ? storage->get(entry.taskPersistedId) : std::nullopt;
+        if (task) metrics.push_back(json::parse(vontu::platform::toString(task->data), nullptr, false));
     }
     return metrics;
 }

@@ -1,5 +1,4 @@
-// The tracking module's task payloads as the queue stores them, the default device attributes,
-// and a module facade that forgot part of its job.
+// The tracking module's task payloads as the queue stores them, and default device attributes.
 
 #include <gtest/gtest.h>
 
@@ -10,7 +9,6 @@
 #include "TernTracking/DeletePushNotificationQueueTaskData.hpp"
 #include "TernTracking/IdentifyProfileQueueTaskData.hpp"
 #include "TernTracking/MetricRequest.hpp"
-#include "TernTracking/ModuleTopLevelObject.hpp"
 #include "TernTracking/RegisterPushNotificationQueueTaskData.hpp"
 #include "TernTracking/SdkDeviceAttributesProvider.hpp"
 #include "TernTracking/TrackEventQueueTaskData.hpp"
@@ -28,40 +26,30 @@ TEST(TrackingRecordsTest, TaskPayloadsKeepTheirStoredFormat) {
     const auto text = [&](const auto& record) {
         return adapter.toJsonString(record, false).value_or("<failed>");
     };
-    const std::pair<std::string, std::string> written[] = {
-        {text(IdentifyProfileQueueTaskData{"A b/\"é", std::string("{\"x\":1}")}),
-         R"({"attributes_json_string":"{\"x\":1}","identifier":"A b/\"é"})"},
-        // Attributes that could not be encoded are left out, not written as null.
-        {text(IdentifyProfileQueueTaskData{"", std::nullopt}), R"({"identifier":""})"},
-        {text(TrackEventQueueTaskData{"p", "{}"}),
-         R"({"attributes_json_string":"{}","identifier":"p"})"},
-        {text(RegisterPushNotificationQueueTaskData{"p", std::string("{}")}),
-         R"({"attributes_json_string":"{}","profile_identifier":"p"})"},
-        {text(DeletePushNotificationQueueTaskData{"p", "tok"}),
-         R"({"device_token":"tok","profile_identifier":"p"})"},
-        {text(MetricRequest{"d1", Metric::opened, "tok", Date{1700000000.75}}),
-         R"({"delivery_id":"d1","device_id":"tok","event":"opened","timestamp":1700000000})"},
-    };
-    for (const auto& [actual, expected] : written) EXPECT_EQ(actual, expected);
+    EXPECT_EQ(text(IdentifyProfileQueueTaskData{"A b/\"é", std::string("{\"x\":1}")}),
+              R"({"attributes_json_string":"{\"x\":1}","identifier":"A b/\"é"})");
+    // Attributes that could not be encoded are left out, not written as null.
+    EXPECT_EQ(text(IdentifyProfileQueueTaskData{"", std::nullopt}), R"({"identifier":""})");
+    EXPECT_EQ(text(TrackEventQueueTaskData{"p", "{}"}),
+              R"({"attributes_json_string":"{}","identifier":"p"})");
+    EXPECT_EQ(text(RegisterPushNotificationQueueTaskData{"p", std::string("{}")}),
+              R"({"attributes_json_string":"{}","profile_identifier":"p"})");
+    EXPECT_EQ(text(DeletePushNotificationQueueTaskData{"p", "tok"}),
+              R"({"device_token":"tok","profile_identifier":"p"})");
+    EXPECT_EQ(text(MetricRequest{"d1", Metric::opened, "tok", Date{1700000000.75}}),
+              R"({"delivery_id":"d1","device_id":"tok","event":"opened","timestamp":1700000000})");
 
     EXPECT_EQ(adapter.fromJson<RegisterPushNotificationQueueTaskData>(
                   R"({"profile_identifier":"p","attributes_json_string":null})", false),
               (RegisterPushNotificationQueueTaskData{"p", std::nullopt}));
-    EXPECT_EQ(adapter.fromJson<MetricRequest>(
-                  R"({"delivery_id":"d","device_id":"t","event":"converted","timestamp":5.5})",
-                  false),
-              (MetricRequest{"d", Metric::converted, "t", Date{5.5}}));
     EXPECT_FALSE(adapter.fromJson<MetricRequest>(
         R"({"delivery_id":"d","device_id":"t","event":"clicked","timestamp":1})", false));
 }
 
 // A device with fixed answers; push authorisation answers from another thread.
-class FixedDeviceInfo final : public DeviceInfo {
-public:
-    std::optional<std::string> model = "x86_64";
-    std::optional<std::string> os = "17.0";
-    bool pushSubscribed = true;
-
+struct FixedDeviceInfo final : DeviceInfo {
+    std::optional<std::string> model = "x86_64", os = "17.0";
+    bool subscribed = true;
     std::string deviceManufacturer() const override { return "Apple"; }
     void setDeviceManufacturer(std::string) override {}
     std::optional<std::string> deviceModel() const override { return model; }
@@ -73,7 +61,7 @@ public:
     std::string sdkVersion() const override { return "2.1.2"; }
     std::string deviceLocale() const override { return "en-GB"; }
     void isPushSubscribed(std::function<void(bool)> completion) const override {
-        std::thread([completion, subscribed = pushSubscribed] { completion(subscribed); }).detach();
+        std::thread([completion, yes = subscribed] { completion(yes); }).detach();
     }
 };
 
@@ -94,36 +82,15 @@ TEST(SdkDeviceAttributesProviderTest, DefaultAttributesFollowTheConfigurationAnd
     EXPECT_EQ(defaultAttributes(config, device), expected);
 
     // Unknown model and OS are left out; a wrapper reports its own version.
-    device->model.reset();
-    device->os.reset();
-    device->pushSubscribed = false;
+    device->model = device->os = std::nullopt;
+    device->subscribed = false;
     config._sdkWrapperConfig = SdkWrapperConfig{SdkWrapperConfig::Source::flutter, "4.0.1"};
-    expected.erase("device_model");
-    expected.erase("device_os");
-    expected["tern_sdk_version"] = "4.0.1";
-    expected["push_enabled"] = "false";
+    for (const char* unknown : {"device_model", "device_os"}) expected.erase(unknown);
+    expected.update({{"tern_sdk_version", "4.0.1"}, {"push_enabled", "false"}});
     EXPECT_EQ(defaultAttributes(config, device), expected);
 
     config.autoTrackDeviceAttributes = false;
     EXPECT_EQ(defaultAttributes(config, device), json::object());
-}
-
-// A library initialised with a graph of its own.
-struct InitializedUtil final : SdkInitializedUtil {
-    std::shared_ptr<DIGraph> graph = std::make_shared<DIGraph>("site-module", "key", SdkConfig{});
-    std::shared_ptr<Tern> tern() override { return nullptr; }
-    bool isInitlaized() override { return true; }
-    std::optional<PostInitializedData> postInitializedData() override {
-        return PostInitializedData{graph->siteId(), graph};
-    }
-};
-
-TEST(ModuleTopLevelObjectDeathTest, AnOperationNotOverriddenStopsTheProcess) {
-    struct ForgetfulModule final : ModuleTopLevelObject<std::string> {
-        using ModuleTopLevelObject::ModuleTopLevelObject;
-    };
-    EXPECT_DEATH(ForgetfulModule(nullptr, std::make_shared<InitializedUtil>()).implementation(),
-                 "forgot to override in subclass");
 }
 
 }  // namespace

@@ -2,15 +2,12 @@
 
 #include <httplib.h>
 
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include "Common/http/HttpClient.hpp"
@@ -18,22 +15,17 @@
 #include "tests/support/CompletionRecorder.hpp"
 #include "tests/support/Gate.hpp"
 #include "tests/support/LoopbackServer.hpp"
-#include "tests/support/RawTcpServer.hpp"
 
 namespace tern::testing {
 
-using namespace std::chrono_literals;
 using vontu::testing::CompletionRecorder;
 using vontu::testing::Gate;
-using vontu::testing::RawTcpServer;
-
-inline constexpr auto generousDeadline = 30s;
+using RequestRecorder = CompletionRecorder<HttpRequestResult>;
+using DownloadRecorder = CompletionRecorder<std::optional<std::filesystem::path>>;
 
 // What a test server saw of one request.
 struct ReceivedRequest {
-    std::string method;
-    std::string path;
-    std::string body;
+    std::string method, path, body;
     httplib::Headers headers;
 
     std::optional<std::string> header(const std::string& name) const {
@@ -51,63 +43,41 @@ public:
 
     template <class... ServerArguments>
     explicit RecordingServer(ServerArguments&&... arguments)
-        : server_(
-              [this](httplib::Server& routes) {
-                  const auto route = [this](const httplib::Request& request, httplib::Response& response) {
-                      serve(request, response);
-                  };
-                  routes.Get(".*", route).Post(".*", route).Put(".*", route).Delete(".*", route);
-              },
-              std::forward<ServerArguments>(arguments)...) {}
+        : server_([this](httplib::Server& routes) {
+              const auto route = [this](const httplib::Request& request, httplib::Response& response) {
+                  const Handler handler = [&] {
+                      std::lock_guard guard(mutex_);
+                      received_.push_back({request.method, request.path, request.body, request.headers});
+                      return handler_;
+                  }();
+                  response.status = 200;
+                  if (handler) handler(request, response);
+              };
+              routes.Get(".*", route).Post(".*", route).Put(".*", route).Delete(".*", route);
+          }, std::forward<ServerArguments>(arguments)...) {}
 
     int port() const { return server_.port(); }
     std::string origin() const { return server_.url(); }
-
-    void respond(Handler handler) {
-        std::lock_guard guard(mutex_);
-        handler_ = std::move(handler);
-    }
-    // Answers every request with this status and body.
+    void respond(Handler handler) { std::lock_guard guard(mutex_); handler_ = std::move(handler); }
     void respondWith(int status, std::string body = {}) {
         respond([status, body](const httplib::Request&, httplib::Response& response) {
             response.status = status;
             if (!body.empty()) response.set_content(body, "application/json");
         });
     }
-
-    std::vector<ReceivedRequest> received() const {
-        std::lock_guard guard(mutex_);
-        return received_;
-    }
-    std::size_t receivedCount() const { return received().size(); }
+    std::vector<ReceivedRequest> received() const { std::lock_guard guard(mutex_); return received_; }
 
 private:
-    void serve(const httplib::Request& request, httplib::Response& response) {
-        Handler handler;
-        {
-            std::lock_guard guard(mutex_);
-            received_.push_back({request.method, request.path, request.body, request.headers});
-            handler = handler_;
-        }
-        response.status = 200;
-        if (handler) handler(request, response);
-    }
-
     mutable std::mutex mutex_;
     Handler handler_;
     std::vector<ReceivedRequest> received_;
     vontu::testing::BasicLoopbackServer<ServerType> server_;  // last: it stops before the rest goes
 };
 
-using RequestRecorder = CompletionRecorder<HttpRequestResult>;
-using DownloadRecorder = CompletionRecorder<std::optional<std::filesystem::path>>;
-
-// A SimpleTimer that notes the delays it is asked for and lets the real timer fire after a
-// tiny one, so that a test can check a long back-off sequence without waiting for it.
+// A SimpleTimer that notes the delays it is asked for but fires after a millisecond.
 class CompressedTimer final : public SimpleTimer {
 public:
     explicit CompressedTimer(std::shared_ptr<SimpleTimer> timer) : timer_(std::move(timer)) {}
-
     void scheduleAndCancelPrevious(double seconds, std::function<void()> block) override {
         timer_->scheduleAndCancelPrevious(note(seconds), std::move(block));
     }
@@ -115,19 +85,10 @@ public:
         return timer_->scheduleIfNotAlready(note(seconds), std::move(block));
     }
     void cancel() override { timer_->cancel(); }
-
-    std::vector<double> requestedDelays() const {
-        std::lock_guard guard(mutex_);
-        return delays_;
-    }
+    std::vector<double> requestedDelays() const { std::lock_guard guard(mutex_); return delays_; }
 
 private:
-    double note(double seconds) {
-        std::lock_guard guard(mutex_);
-        delays_.push_back(seconds);
-        return 0.001;
-    }
-
+    double note(double seconds) { std::lock_guard guard(mutex_); delays_.push_back(seconds); return 0.001; }
     std::shared_ptr<SimpleTimer> timer_;
     mutable std::mutex mutex_;
     std::vector<double> delays_;

@@ -1,36 +1,24 @@
 // The queue's storage on real files, and the queue shared by several processes (the app and its
-// extensions) under the directory lock; each child process is made with fork.
+// extensions) under the directory lock; child processes are made with fork.
 
 #include "Common/queue/FileManagerQueueStorage.hpp"
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
-#include <limits>
-#include <memory>
-#include <optional>
-#include <regex>
-#include <set>
-#include <string>
-#include <utility>
-#include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Common/queue/QueueDirectoryLock.hpp"
 #include "Common/storage/FileManagerFileStorage.hpp"
-#include "platform/linux/LinuxEnv.hpp"
 #include "tests/common/RecordingLogger.hpp"
-#include "tests/support/TempDir.hpp"
 #include "tests/support/TestEnv.hpp"
 
 namespace tern {
@@ -44,10 +32,9 @@ using Groups = std::optional<std::vector<QueueTaskGroup>>;
 
 constexpr const char* siteId = "site1";
 
-class FixedClock final : public DateUtil {
-public:
-    Date now() const override { return {seconds.load()}; }
-    std::atomic<double> seconds{1700000000.0};
+struct FixedClock final : DateUtil {
+    Date now() const override { return {seconds}; }
+    double seconds = 1700000000.0;
 };
 
 std::shared_ptr<FileManagerQueueStorage> makeQueueStorage(std::shared_ptr<Logger> logger,
@@ -71,10 +58,25 @@ std::string readText(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
-
 void writeText(const fs::path& path, const std::string& text) {
     fs::create_directories(path.parent_path());
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+// Runs body in a child process, killed after 60 s at the latest.
+pid_t forkChild(const std::function<int()>& body) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::alarm(60);
+        ::_exit(body());
+    }
+    return pid;
+}
+// The exit status of a child, 128 + signal for a killed one.
+int waitForExit(pid_t child) {
+    int status = 0;
+    if (child <= 0 || ::waitpid(child, &status, 0) != child) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 class FileManagerQueueStorageTest : public ::testing::Test {
@@ -82,9 +84,6 @@ protected:
     CreateQueueStorageTaskResult create(const std::optional<QueueTaskGroup>& groupStart = {},
                                         const Groups& blockingGroups = {}) {
         return storage->create("trackEvent", toBytes("{}"), groupStart, blockingGroups);
-    }
-    std::size_t errorCount() const {
-        return logger->messages(RecordingLogger::Level::error).size();
     }
 
     vontu::testing::TestEnv testEnv;
@@ -107,12 +106,9 @@ TEST_F(FileManagerQueueStorageTest, CreateWritesTaskFileAndInventoryEntryByteFor
     clock->seconds = 1700000000.75;  // stored as whole seconds
     std::string expected = "[";
     for (const auto& [groupStart, blockingGroups, groupKeys] : cases) {
-        SCOPED_TRACE(groupKeys);
         auto result = create(groupStart, blockingGroups);
-        ASSERT_TRUE(result.success && result.createdTask);
+        ASSERT_TRUE(result.success && result.createdTask) << groupKeys;
         const std::string id = result.createdTask->taskPersistedId;
-        EXPECT_TRUE(std::regex_match(id, std::regex("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}")));
-        EXPECT_EQ(result.createdTask->createdAt, Date{1700000000.0});
         EXPECT_EQ(readText(taskFile(id)), R"({"data":"e30=","run_results":{"total_runs":0},)"
                                           R"("storage_id":")" + id + R"(","type":"trackEvent"})");
         expected += std::string(expected.size() > 1 ? "," : "") + R"({"created_at":1700000000,)" +
@@ -123,19 +119,12 @@ TEST_F(FileManagerQueueStorageTest, CreateWritesTaskFileAndInventoryEntryByteFor
 }
 
 TEST_F(FileManagerQueueStorageTest, GetUpdateAndDeleteKnownAndUnknownTasks) {
-    EXPECT_FALSE(storage->deleteTask("NOPE"));  // writes the empty inventory, finds no file
-    EXPECT_EQ(readText(queueFile("inventory.json")), "[]");
     const std::string id = create().createdTask->taskPersistedId;
     const auto second = *create().createdTask;
     EXPECT_EQ(storage->get(id), (QueueTask{id, "trackEvent", toBytes("{}"), {0}}));
-
-    const std::string inventoryBefore = readText(queueFile("inventory.json"));
     ASSERT_TRUE(storage->update(id, QueueTaskRunResults{3}));
     EXPECT_EQ(storage->get(id)->runResults.totalRuns, 3);
-    EXPECT_EQ(readText(queueFile("inventory.json")), inventoryBefore);
     EXPECT_FALSE(storage->update("NOPE", QueueTaskRunResults{1}));
-    EXPECT_FALSE(fs::exists(taskFile("NOPE")));
-
     ASSERT_TRUE(storage->deleteTask(id));
     EXPECT_FALSE(fs::exists(taskFile(id)));
     EXPECT_EQ(storage->getInventory(), std::vector{second});
@@ -151,10 +140,10 @@ TEST_F(FileManagerQueueStorageTest, GetUpdateAndDeleteKnownAndUnknownTasks) {
 
     // A task file that cannot be read is absent, and an update leaves it as it is.
     const std::string unreadable = R"({"data":"e30=","storage_id":"X","type":"t"})";
-    writeText(taskFile(second.taskPersistedId), unreadable);
-    EXPECT_EQ(storage->get(second.taskPersistedId), std::nullopt);
-    EXPECT_FALSE(storage->update(second.taskPersistedId, QueueTaskRunResults{1}));
-    EXPECT_EQ(readText(taskFile(second.taskPersistedId)), unreadable);
+    writeText(taskFile(id), unreadable);
+    EXPECT_EQ(storage->get(id), std::nullopt);
+    EXPECT_FALSE(storage->update(id, QueueTaskRunResults{1}));
+    EXPECT_EQ(readText(taskFile(id)), unreadable);
 }
 
 TEST_F(FileManagerQueueStorageTest, InventoryOfOtherWritersIsReadAndUnreadableOneReadsAsEmpty) {
@@ -164,33 +153,25 @@ TEST_F(FileManagerQueueStorageTest, InventoryOfOtherWritersIsReadAndUnreadableOn
               R"("task_persisted_id":"A","task_type":"t"}])");
     EXPECT_EQ(storage->getInventory(),
               (std::vector{QueueTaskMetadata{"A", "t", std::nullopt, std::nullopt, Date{12.5}}}));
-    EXPECT_EQ(errorCount(), 0u);
-
+    EXPECT_TRUE(logger->lines().empty());
     for (const std::string text : {"not json", R"([{"task_type":"trackEvent","created_at":1}])"}) {
-        SCOPED_TRACE(text);
         writeText(queueFile("inventory.json"), text);
-        const auto errorsBefore = errorCount();
-        EXPECT_TRUE(storage->getInventory().empty());
-        EXPECT_EQ(errorCount(), errorsBefore + 1);
+        EXPECT_TRUE(storage->getInventory().empty()) << text;
         auto result = create();  // starts the inventory afresh
-        EXPECT_EQ(storage->getInventory(), std::vector{*result.createdTask});
+        EXPECT_EQ(storage->getInventory(), std::vector{*result.createdTask}) << text;
     }
 }
 
 TEST_F(FileManagerQueueStorageTest, FailedWritesReportTheCountFromBefore) {
-    ASSERT_TRUE(create().success);
-    const std::string inventoryBefore = readText(queueFile("inventory.json"));
-
     // The task directory cannot be made: nothing is written at all.
-    fs::rename(queueFile("tasks"), queueFile("tasks.saved"));
     writeText(queueFile("tasks"), "in the way");
-    EXPECT_EQ(create(), (CreateQueueStorageTaskResult{false, QueueStatus{siteId, 1}, {}}));
-    EXPECT_EQ(readText(queueFile("inventory.json")), inventoryBefore);
+    EXPECT_EQ(create(), (CreateQueueStorageTaskResult{false, QueueStatus{siteId, 0}, {}}));
+    EXPECT_FALSE(fs::exists(queueFile("inventory.json")));
     fs::remove(queueFile("tasks"));
-    fs::rename(queueFile("tasks.saved"), queueFile("tasks"));
 
     // The inventory cannot be replaced: the task file stays behind, unlisted.
-    fs::rename(queueFile("inventory.json"), queueFile("inventory.saved"));
+    ASSERT_TRUE(create().success);
+    fs::remove(queueFile("inventory.json"));
     fs::create_directory(queueFile("inventory.json"));
     EXPECT_EQ(create(), (CreateQueueStorageTaskResult{false, QueueStatus{siteId, 0}, {}}));
     EXPECT_EQ(std::distance(fs::directory_iterator(queueFile("tasks")), {}), 2);
@@ -209,82 +190,31 @@ TEST_F(FileManagerQueueStorageTest, ExpiredTasksAreDeletedButGroupOpenersStay) {
     const auto member = createdAt(now - 5000, std::nullopt, std::vector{group});
     const auto atThreshold = createdAt(now - 100);
     clock->seconds = now;
-
-    std::set<std::string> deletedIds;
-    for (const auto& entry : storage->deleteExpired()) deletedIds.insert(entry.taskPersistedId);
-    EXPECT_EQ(deletedIds, (std::set{older.taskPersistedId, member.taskPersistedId}));
-    EXPECT_EQ(storage->getInventory(), (std::vector{opener, atThreshold}));
-
     // An expiry that names no span of time deletes nothing.
-    for (double unusable : {std::numeric_limits<double>::quiet_NaN(), 1e19, -1e19}) {
-        const auto errorsBefore = errorCount();
-        EXPECT_TRUE(makeQueueStorage(logger, clock, unusable)->deleteExpired().empty()) << unusable;
-        EXPECT_EQ(errorCount(), errorsBefore + 1) << unusable;
-    }
-    // The expiry counts in whole seconds: with 100.9 the threshold is now + 0.5 - 100, after
-    // atThreshold's now - 100.
-    clock->seconds = now + 0.5;
-    EXPECT_EQ(makeQueueStorage(logger, clock, 100.9)->deleteExpired(), std::vector{atThreshold});
+    EXPECT_TRUE(makeQueueStorage(logger, clock, std::nan(""))->deleteExpired().empty());
+    EXPECT_THAT(storage->deleteExpired(), ::testing::UnorderedElementsAre(older, member));
+    EXPECT_EQ(storage->getInventory(), (std::vector{opener, atThreshold}));
 }
 
-// --- Processes sharing the queue
-
-// Runs body in a child process, killed after 60 s at the latest; returns its pid.
-pid_t forkChild(const std::function<int()>& body) {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::alarm(60);
-        ::_exit(body());
-    }
-    return pid;
-}
-
-// The exit status of a child, 128 + signal for a killed one.
-int waitForExit(pid_t child) {
-    int status = 0;
-    if (child <= 0 || ::waitpid(child, &status, 0) != child) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-// One process's view of the shared queue: a platform of its own over the state root, installed
-// as the Env while the object lives, and a storage on it.
-struct QueueProcess {
-    explicit QueueProcess(const fs::path& home)
-        : env({.home = home, .network = {}, .openUrl = {}, .continueUserActivity = {}}) {
-        vontu::platform::Env::setCurrent(&env);
-        storage = makeQueueStorage(logger, std::make_shared<FixedClock>());
-    }
-    ~QueueProcess() {
-        storage.reset();
-        vontu::platform::Env::setCurrent(previous);
-    }
-
-    vontu::platform::Env* const previous = vontu::platform::Env::installed();
-    vontu::platform::linux_host::LinuxEnv env;
-    std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
-    std::shared_ptr<FileManagerQueueStorage> storage;
-};
-
-// This process creates its tasks while a child is killed in the middle of its writes, after
-// reporting 25 of them through a pipe. Files are replaced whole, so nothing is lost or
-// half-written, and the dead process's lock goes with it.
-TEST(QueueStorageProcessesTest, ProcessesWritingAtOnceLoseNoEntryEvenWhenOneIsKilled) {
-    vontu::testing::TempDir home;
+// This process creates its tasks while a child, with a platform of its own over the same state
+// root, is killed in the middle of its writes after reporting 25 of them through a pipe. Files
+// are replaced whole, so nothing is lost or half-written, and the dead process's lock goes too.
+TEST_F(FileManagerQueueStorageTest, ProcessesWritingAtOnceLoseNoEntryEvenWhenOneIsKilled) {
     int progress[2];
     ASSERT_EQ(::pipe2(progress, O_CLOEXEC), 0);
     const pid_t killed = forkChild([&] {
-        QueueProcess process(home.path());
-        while (process.storage->create("killed", toBytes("{}"), {}, {}).success &&
+        vontu::platform::linux_host::LinuxEnv env(
+            {.home = testEnv.home(), .network = {}, .openUrl = {}, .continueUserActivity = {}});
+        vontu::platform::Env::setCurrent(&env);
+        auto child = makeQueueStorage(std::make_shared<RecordingLogger>(), clock);
+        while (child->create("killed", toBytes("{}"), {}, {}).success &&
                ::write(progress[1], "x", 1) == 1) {
         }
         return 1;
     });
     ::close(progress[1]);
-    QueueProcess parent(home.path());
-    for (int i = 0; i < 50; ++i) {
-        EXPECT_TRUE(parent.storage->create("writer", toBytes("{}"), {}, {}).success);
-    }
-    char byte = 0;
+    for (int i = 0; i < 50; ++i) EXPECT_TRUE(create().success);
+    char byte;
     int reported = 0;
     while (reported < 25 && ::read(progress[0], &byte, 1) == 1) ++reported;
     if (killed > 0) ::kill(killed, SIGKILL);
@@ -292,56 +222,24 @@ TEST(QueueStorageProcessesTest, ProcessesWritingAtOnceLoseNoEntryEvenWhenOneIsKi
     ::close(progress[0]);
     ASSERT_EQ(reported, 25);
 
-    QueueProcess reader(home.path());  // with a log of its own
-    auto inventory = reader.storage->getInventory();
-    EXPECT_TRUE(reader.logger->lines().empty());
-    for (const auto& entry : inventory) {
-        auto task = reader.storage->get(entry.taskPersistedId);
-        ASSERT_TRUE(task.has_value()) << entry.description();
-        EXPECT_EQ(task->type, entry.taskType);
+    auto readerLogger = std::make_shared<RecordingLogger>();
+    auto reader = makeQueueStorage(readerLogger, clock);
+    auto inventory = reader->getInventory();
+    for (const auto& entry : inventory) {  // each entry has its task, whole
+        EXPECT_EQ(reader->get(entry.taskPersistedId).value_or(QueueTask{}).type, entry.taskType);
     }
-    EXPECT_EQ(std::ranges::count(inventory, "writer", &QueueTaskMetadata::taskType), 50);
+    EXPECT_TRUE(readerLogger->lines().empty());
+    EXPECT_EQ(std::ranges::count(inventory, "trackEvent", &QueueTaskMetadata::taskType), 50);
     EXPECT_GE(std::ranges::count(inventory, "killed", &QueueTaskMetadata::taskType), 25);
-    auto result = reader.storage->create("after", toBytes("{}"), {}, {});
+    auto result = reader->create("after", toBytes("{}"), {}, {});
     EXPECT_EQ(result.queueStatus.numTasksInQueue, static_cast<std::int64_t>(inventory.size() + 1));
 }
 
-TEST(QueueDirectoryLockTest, HeldFromTheOutermostTakeToTheOutermostRelease) {
-    vontu::testing::TempDir home;
-    QueueProcess process(home.path());
-    QueueDirectoryLock lock(siteId, process.logger);
-    QueueDirectoryLock sameDirectory(siteId, process.logger);
-    ASSERT_EQ(lock.lockFilePath(), queueFile(".lock"));
-    // True when a process other than this one can take the file lock right now.
-    auto lockableFromAnotherProcess = [&] {
-        return waitForExit(forkChild([&] {
-                   int fd = ::open(queueFile(".lock").c_str(), O_RDWR | O_CLOEXEC);
-                   return fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) == 0 ? 0 : 1;
-               })) == 0;
-    };
-
-    lock.lock();
-    lock.lock();
-    sameDirectory.lock();  // the same thread, through another object: no self-deadlock
-    EXPECT_FALSE(lockableFromAnotherProcess());
-    sameDirectory.unlock();
-    lock.unlock();
-    EXPECT_FALSE(lockableFromAnotherProcess());
-    lock.unlock();
-    EXPECT_TRUE(lockableFromAnotherProcess());
-    EXPECT_TRUE(process.logger->lines().empty());
-}
-
-TEST(QueueDirectoryLockTest, UnopenableLockFileIsReportedOnceAndOperationsGoOn) {
-    vontu::testing::TempDir home;
-    QueueProcess process(home.path());
+TEST_F(FileManagerQueueStorageTest, UnopenableLockFileIsReportedOnceAndOperationsGoOn) {
     fs::create_directories(queueFile(".lock"));  // a directory: no file
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_TRUE(process.storage->create("t", toBytes("{}"), {}, {}).success);
-    }
-    EXPECT_EQ(process.storage->getInventory().size(), 3u);
-    // The first create also reports the missing inventory.
-    const auto errors = process.logger->messages(RecordingLogger::Level::error);
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(create().success);
+    EXPECT_EQ(storage->getInventory().size(), 3u);
+    const auto errors = logger->messages(RecordingLogger::Level::error);
     auto lockError = [](const std::string& e) { return e.starts_with("queue directory lock"); };
     ASSERT_EQ(std::ranges::count_if(errors, lockError), 1);
     EXPECT_TRUE(std::ranges::find_if(errors, lockError)->ends_with(": Is a directory"));

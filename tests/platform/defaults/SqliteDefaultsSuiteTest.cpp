@@ -7,17 +7,14 @@
 #include <unistd.h>
 
 #include <cmath>
-#include <cstdint>
 #include <fstream>
 #include <functional>
 #include <limits>
 #include <numeric>
-#include <string>
 
 #include <gtest/gtest.h>
 
 #include "platform/PlistJson.hpp"
-#include "tests/support/Process.hpp"
 #include "tests/support/TempDir.hpp"
 
 namespace vontu::platform::linux_host {
@@ -26,101 +23,63 @@ namespace {
 namespace fs = std::filesystem;
 using testing::TempDir;
 
-// A value of every type with the edge cases of each, and the JSON text it is written as
-// (null where the JSON form is not checked: too long, none, or read back as another type).
-struct TypedValue {
-    std::string key;
-    PlistValue value;
-    const char* json;
-};
-
-TEST(DefaultsRoundTrip, EveryTypeKeepsItsTypeInTheStoreInJsonAndThroughTheHostProgram) {
+TEST(DefaultsRoundTrip, EveryTypeKeepsItsTypeInTheStoreAndInJson) {
     Bytes everyByte(256);
     std::iota(everyByte.begin(), everyByte.end(), 0);
     const double inf = std::numeric_limits<double>::infinity();
-    const TypedValue values[] = {
+    // Each value with the JSON text it is written as (null where the JSON form is not checked).
+    const struct { std::string key; PlistValue value; const char* json; } values[] = {
         {"string", "Grüße, 世界", R"("Grüße, 世界")"},
         {"string with NUL", std::string("a\0b", 3), R"("a\u0000b")"},
-        {"integer max", std::numeric_limits<std::int64_t>::max(), "9223372036854775807"},
         {"integer min", std::numeric_limits<std::int64_t>::min(), "-9223372036854775808"},
         {"double", 0.1, "0.1"},
         {"integral double", 3.0, "3.0"},
-        {"huge double", 1.7976931348623157e308, "1.7976931348623157e+308"},
         {"tiny double", 4.9e-324, "5e-324"},
         {"infinity", inf, nullptr},
         {"false", false, "false"},
-        {"date", Date{1700000000.25}, R"({"$date":1700000000.25})"},
         {"date before 1970", Date{-86400.5}, R"({"$date":-86400.5})"},
         {"date at minus infinity", Date{-inf}, nullptr},
         {"every byte", everyByte, nullptr},
         {"empty data", Bytes{}, R"({"$data":""})"},
-        {"empty array", PlistArray{}, "[]"},
-        {"empty dictionary", PlistDictionary{}, "{}"},
         // Only the exact forms are dates and data in JSON; the store keeps any dictionary.
-        {"$date-keyed dictionary", PlistDictionary{{"$date", 5}}, nullptr},
         {"$date beside another key", PlistDictionary{{"$date", 1}, {"x", 2}}, R"({"$date":1,"x":2})"},
         {"$data that is no string", PlistDictionary{{"$data", 5}}, R"({"$data":5})"},
-        {"nested",
-         PlistDictionary{{"records", PlistArray{PlistDictionary{{"eml", "From: a@b\r\n\r\nbody"}, {"gid", 7}, {"seen", Date{12.0}}},
-                                                PlistArray{PlistArray{toBytes("x"), false, 2.5}}}},
-                         {"", PlistDictionary{{"b", PlistArray{Date{3.0}}}}}},
-         R"({"":{"b":[{"$date":3.0}]},"records":[{"eml":"From: a@b\r\n\r\nbody","gid":7,)"
-         R"("seen":{"$date":12.0}},[[{"$data":"eA=="},false,2.5]]]})"},
+        {"nested", PlistDictionary{{"", PlistArray{PlistDictionary{{"seen", Date{12.0}}}, PlistArray{toBytes("x"), 2.5}}}},
+         R"({"":[{"seen":{"$date":12.0}},[{"$data":"eA=="},2.5]]})"},
     };
-    const TempDir home;
-    const auto preferences = home.path() / "preferences";
-    fs::create_directories(preferences);
-    PlistDictionary all, withJson;
+    const TempDir dir;
+    const auto file = dir.path() / "library.sqlite";
+    PlistDictionary all;
     {
-        auto suite = openSqliteDefaultsSuite(preferences / "library.sqlite");
+        auto suite = openSqliteDefaultsSuite(file);
         ASSERT_TRUE(suite);
         for (const auto& [key, value, json] : values) {
             ASSERT_TRUE(suite->setObject(value, key)) << key;
-            EXPECT_EQ(suite->objectForKey(key), value) << key;
             all.emplace(key, value);
-            if (json) withJson.emplace(key, value);
         }
     }
-    auto reopened = openSqliteDefaultsSuite(preferences / "library.sqlite");
+    auto reopened = openSqliteDefaultsSuite(file);
     ASSERT_TRUE(reopened);
     EXPECT_EQ(reopened->dictionaryRepresentation(), all);
     for (const auto* suffix : {"", "-wal", "-shm"}) {  // owner-only files, in WAL mode
         struct stat info {};
-        const auto path = (preferences / "library.sqlite").string() + suffix;
-        ASSERT_EQ(::stat(path.c_str(), &info), 0) << path;
-        EXPECT_EQ(info.st_mode & 0777, 0600u) << path;
+        ASSERT_EQ(::stat((file.string() + suffix).c_str(), &info), 0) << suffix;
+        EXPECT_EQ(info.st_mode & 0777, 0600u) << suffix;
     }
-
     for (const auto& [key, value, json] : values) {
         if (!json) continue;
         EXPECT_EQ(plistToJson(value).dump(), json) << key;
         EXPECT_EQ(plistFromJson(nlohmann::json::parse(json)), value) << key;
     }
-    // The program reads what the library wrote, and the library what the program wrote.
-    const fs::path program = VONTU_DEFAULTS_PROGRAM;
-    const auto read = testing::runProcess(program, {"--home", home.path().string(), "read", "library"});
-    EXPECT_EQ(read.out, plistToJson(PlistValue(all)).dump() + "\n") << read.err;
-    const auto write = testing::runProcess(
-        program, {"--home", home.path().string(), "write", "program", "all", plistToJson(PlistValue(withJson)).dump()});
-    EXPECT_EQ(write.exitCode, 0) << write.err;
-    auto written = openSqliteDefaultsSuite(preferences / "program.sqlite");
-    ASSERT_TRUE(written);
-    EXPECT_EQ(written->objectForKey("all"), PlistValue(withJson));
 }
 
 TEST(PlistJson, ReadsOtherFormsAndRefusesJsonWithoutPropertyListForm) {
-    const std::pair<const char*, PlistValue> reads[] = {
-        {"1e3", PlistValue(1000.0)},
-        // Integers that a signed 64-bit value cannot hold become doubles.
-        {"9223372036854775808", PlistValue(9223372036854775808.0)},
-        {R"([{"$date": -12}, {"$date": "soon"}])",
-         PlistValue(PlistArray{Date{-12.0}, PlistDictionary{{"$date", "soon"}}})},
-    };
-    for (const auto& [text, expected] : reads) EXPECT_EQ(plistFromJson(nlohmann::json::parse(text)), expected) << text;
+    // Integers that a signed 64-bit value cannot hold become doubles.
+    EXPECT_EQ(plistFromJson(nlohmann::json::parse("9223372036854775808")), PlistValue(9223372036854775808.0));
+    EXPECT_EQ(plistFromJson(nlohmann::json::parse(R"([{"$date": "soon"}])")),
+              PlistValue(PlistArray{PlistDictionary{{"$date", "soon"}}}));
     const std::string refused[] = {
-        R"({"a": [1, null]})", R"({"$data": "not base64!"})", R"([{"$data": "a=Gk"}])",
-        std::string(20000, '[') + std::string(20000, ']'),
-    };
+        R"({"a": [1, null]})", R"({"$data": "not base64!"})", std::string(20000, '[') + std::string(20000, ']')};
     for (const auto& text : refused) EXPECT_FALSE(plistFromJson(nlohmann::json::parse(text))) << text.substr(0, 40);
 }
 
@@ -132,37 +91,26 @@ protected:
     TempDir dir_;
 };
 
-TEST_F(SqliteDefaultsSuiteTest, KeepsNotANumber) {
+TEST_F(SqliteDefaultsSuiteTest, KeepsNaNReplacesAndRemovesKeysAndRefusesValuesWithoutStoredForm) {
     auto suite = open();
     ASSERT_TRUE(suite && suite->setObject(std::nan(""), "double") && suite->setObject(Date{std::nan("")}, "date"));
-    const auto number = suite->objectForKey("double");
-    const auto date = suite->objectForKey("date");
+    const auto number = suite->objectForKey("double"), date = suite->objectForKey("date");
     ASSERT_TRUE(number && number->is<double>() && date && date->is<Date>());
     EXPECT_TRUE(std::isnan(*number->as<double>()) && std::isnan(date->as<Date>()->secondsSince1970));
-}
-
-TEST_F(SqliteDefaultsSuiteTest, ReplacesAndRemovesKeysAndRefusesValuesWithoutStoredForm) {
-    auto suite = open();
-    ASSERT_TRUE(suite);
-    EXPECT_EQ(suite->objectForKey("k"), std::nullopt);
+    ASSERT_TRUE(suite->removeObject("double") && suite->removeObject("date"));
     EXPECT_TRUE(suite->removeObject("k"));  // removing what is not there succeeds
-    ASSERT_TRUE(suite->setObject(1, "k"));
-    ASSERT_TRUE(suite->setObject("one", "k"));
-    ASSERT_TRUE(suite->setObject(2, "other"));
+    ASSERT_TRUE(suite->setObject(1, "k") && suite->setObject("one", "k") && suite->setObject(2, "other"));
     EXPECT_EQ(suite->objectForKey("k"), PlistValue("one"));
     EXPECT_TRUE(suite->removeObject("k"));
     EXPECT_EQ(suite->dictionaryRepresentation(), (PlistDictionary{{"other", 2}}));
 
     PlistValue deep = 1;
     for (int i = 0; i < 1000; ++i) deep = PlistValue(PlistArray{std::move(deep)});
-    const PlistValue refused[] = {deep, std::string("\xff\xfe"), PlistDictionary{{"\xc3", 1}}};
-    for (const auto& value : refused) {
+    for (const auto& value : {deep, PlistValue(std::string("\xff\xfe")), PlistValue(PlistDictionary{{"\xc3", 1}})}) {
         EXPECT_FALSE(suite->setObject(value, "other"));
         EXPECT_EQ(suite->objectForKey("other"), PlistValue(2));
     }
 }
-
-// ---- Damaged stores read as absent and never crash.
 
 // Runs SQL on the file directly, as another program could.
 int executeSql(const fs::path& file, const std::string& sql) {
@@ -183,14 +131,12 @@ TEST_F(SqliteDefaultsSuiteTest, DamagedFilesNeverGiveWrongValuesOrCrash) {
     // Suites leave their log for the next process; fold it into the file to damage it.
     ASSERT_EQ(executeSql(file(), "PRAGMA wal_checkpoint(TRUNCATE)"), SQLITE_OK);
     std::ifstream in(file(), std::ios::binary);
-    const std::string intact{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    const std::string intact{std::istreambuf_iterator<char>(in), {}};
     ASSERT_GT(intact.size(), 8192u);
     const std::pair<const char*, std::function<std::string(std::string)>> damages[] = {
         {"truncated", [](std::string s) { return s.substr(0, s.size() / 2); }},
-        {"garbage after the header",
-         [](std::string s) { return s.replace(100, 4000, std::string(4000, '\x7f')); }},
-        {"garbage in later pages",
-         [](std::string s) { return s.replace(4096, s.size() - 4096, s.size() - 4096, '\x01'); }},
+        {"garbage after the header", [](std::string s) { return s.replace(100, 4000, std::string(4000, '\x7f')); }},
+        {"garbage in later pages", [](std::string s) { return s.replace(4096, s.size() - 4096, s.size() - 4096, '\x01'); }},
     };
     for (const auto& [name, damage] : damages) {
         SCOPED_TRACE(name);
@@ -199,7 +145,6 @@ TEST_F(SqliteDefaultsSuiteTest, DamagedFilesNeverGiveWrongValuesOrCrash) {
         std::ofstream(file(), std::ios::binary | std::ios::trunc) << damage(intact);
         auto suite = open();
         if (!suite) continue;  // not a usable database: absent
-        for (int i = 0; i < 200; ++i) EXPECT_EQ(suite->objectForKey("key" + std::to_string(i)).value_or(stored), stored);
         for (const auto& [key, value] : suite->dictionaryRepresentation()) EXPECT_EQ(value, stored) << key;
         suite->setObject(1, "new");
         suite->removeObject("key1");
@@ -211,15 +156,8 @@ TEST_F(SqliteDefaultsSuiteTest, RowsThatCannotBeReadAreAbsent) {
     ASSERT_TRUE(suite && suite->setObject("fine", "good"));
     // Rows that another writer put there, read through the suite that is already open.
     const std::string unreadable[] = {
-        "not json",
-        R"("bare string")",
-        R"(["x", 1])",
-        R"(["i", 9223372036854775808])",
-        R"(["r", "NaN!"])",
-        R"(["d", "!!!"])",
-        R"(["a", [["s", "ok"], ["i"]]])",
-        R"(["m", {"a": "untagged"}])",
-        std::string(2000, '[') + R"("s", "x")" + std::string(2000, ']'),
+        "not json", R"(["x", 1])", R"(["i", 9223372036854775808])", R"(["d", "!!!"])",
+        R"(["a", [["s", "ok"], ["i"]]])", std::string(2000, '[') + R"("s", "x")" + std::string(2000, ']'),
     };
     std::string sql = "INSERT INTO defaults VALUES ('blob', x'00ff');";
     for (std::size_t i = 0; i < std::size(unreadable); ++i) {
@@ -229,21 +167,16 @@ TEST_F(SqliteDefaultsSuiteTest, RowsThatCannotBeReadAreAbsent) {
     for (std::size_t i = 0; i < std::size(unreadable); ++i) {
         EXPECT_EQ(suite->objectForKey("bad" + std::to_string(i)), std::nullopt) << unreadable[i];
     }
-    EXPECT_EQ(suite->objectForKey("blob"), std::nullopt);
     EXPECT_EQ(suite->dictionaryRepresentation(), (PlistDictionary{{"good", "fine"}}));
 }
 
-// ---- Stores that cannot be written.
-//
-// File permissions do not bind root, so these checks run in a child process that is not root
-// (made "nobody" when the tests run as root, which needs a temporary directory that others may
-// pass through, as /tmp is). The child reports the first failed check.
+// File permissions do not bind root, so this runs the scenario in a child process that is not
+// root (made "nobody" when the tests run as root, which needs a temporary directory that others
+// may pass through, as /tmp is). The child reports the first failed check.
 std::string runUnprivileged(const fs::path& dir, const std::function<std::string()>& scenario) {
     constexpr uid_t nobody = 65534;
     const bool root = ::geteuid() == 0;
-    if (root && (::chown(dir.c_str(), nobody, nobody) != 0 || ::chmod(dir.c_str(), 0700) != 0)) {
-        return "cannot hand the directory over";
-    }
+    if (root && (::chown(dir.c_str(), nobody, nobody) != 0 || ::chmod(dir.c_str(), 0700) != 0)) return "cannot hand over";
     const auto report = dir / "failure.txt";
     const pid_t child = ::fork();
     if (child == 0) {
@@ -255,7 +188,7 @@ std::string runUnprivileged(const fs::path& dir, const std::function<std::string
     ::waitpid(child, &status, 0);
     std::ifstream in(report);
     if (!WIFEXITED(status) || !in) return "the child crashed or reported nothing";
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 TEST_F(SqliteDefaultsSuiteTest, ReadOnlyFilesReadButRefuseWritesAndReadOnlyDirectoriesGetNoSuite) {
@@ -263,12 +196,9 @@ TEST_F(SqliteDefaultsSuiteTest, ReadOnlyFilesReadButRefuseWritesAndReadOnlyDirec
         if (auto suite = open(); !suite || !suite->setObject("kept", "k")) return "cannot prepare the suite";
         if (::chmod(file().c_str(), 0400) != 0) return "cannot protect the file";
         auto suite = open();
-        if (!suite) return "a read-only suite does not open";
-        if (suite->objectForKey("k") != PlistValue("kept")) return "the stored value is lost";
-        if (suite->setObject("new", "k")) return "a write to a read-only file succeeded";
-        if (suite->removeObject("k")) return "a removal from a read-only file succeeded";
+        if (!suite || suite->objectForKey("k") != PlistValue("kept")) return "a read-only suite does not read";
+        if (suite->setObject("new", "k") || suite->removeObject("k")) return "a read-only file was changed";
         if (suite->objectForKey("k") != PlistValue("kept")) return "the stored value changed";
-
         const auto inner = dir_.path() / "locked";
         if (!fs::create_directory(inner) || ::chmod(inner.c_str(), 0500) != 0) return "cannot protect the directory";
         if (openSqliteDefaultsSuite(inner / "suite.sqlite")) return "a suite opened in a read-only directory";
