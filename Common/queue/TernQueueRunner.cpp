@@ -47,6 +47,9 @@ void TernQueueRunner::runDeliveryMetricTask(const QueueTask& task,
 
 bool TernQueueRunner::offerToHooks(const QueueTask& task,
                                    const QueueRunner::Completion& onComplete) {
+    // Every hook is offered the task, even after one has taken it; a later taker becomes the
+    // running hook. Should two take it, the run request heeds the first answer only.
+    bool taken = false;
     for (const auto& hook : hooks_->queueRunnerHooks()) {
         auto hookCompletion = [runningHook = currentlyRunningHook_,
                                onComplete](std::expected<void, HttpRequestError> result) {
@@ -55,10 +58,10 @@ bool TernQueueRunner::offerToHooks(const QueueTask& task,
         };
         if (hook->runTask(task, std::move(hookCompletion))) {
             currentlyRunningHook_->setWrappedValue(hook);
-            return true;
+            taken = true;
         }
     }
-    return false;
+    return taken;
 }
 
 }  // namespace tern

@@ -32,8 +32,7 @@ private:
     using RunningHook = Atomic<std::shared_ptr<QueueRunnerHook>>;
 
     void runDeliveryMetricTask(const QueueTask& task, QueueRunner::Completion onComplete);
-    // Offers the task to the hooks in the manager's order until one takes it. False when none
-    // does.
+    // Offers the task to every hook in the manager's order. False when none takes it.
     bool offerToHooks(const QueueTask& task, const QueueRunner::Completion& onComplete);
 
     const std::shared_ptr<HooksManager> hooks_;
