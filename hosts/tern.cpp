@@ -24,7 +24,6 @@
 #include "Common/util/Url.hpp"
 #include "TernTracking/Tern.hpp"
 #include "hosts/HostCommon.hpp"
-#include "messaging_push/MessagingPush.hpp"
 #include "messaging_push/NotificationOpen.hpp"
 #include "messaging_push_fcm/MessagingPushFCM.hpp"
 #include "platform/NotificationJson.hpp"

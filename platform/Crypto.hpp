@@ -10,7 +10,9 @@
 
 namespace vontu::platform {
 
-// Digests, encodings and random identifiers, on OpenSSL and libuuid.
+// Digests, encodings and random identifiers, on OpenSSL and libuuid. OpenSSL's libcrypto is
+// opened on first use; on a system where it cannot be opened, md5 gives zeros, base64Encode an
+// empty text and base64Decode nothing.
 
 std::array<std::uint8_t, 16> md5(std::string_view bytes);
 // Standard base64 with padding and no line breaks.
