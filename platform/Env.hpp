@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <expected>
 #include <filesystem>
 #include <functional>
@@ -21,6 +22,45 @@ namespace vontu::platform {
 // A failed file or directory operation, with a text fit for a log line.
 struct FileError {
     std::string localizedDescription;
+};
+
+// What tells one state of a file from another without reading it: which file it is on its
+// device, its length, and when its contents and its status last changed. A file replaced
+// whole becomes another file; one rewritten in place keeps its identity, and its length or
+// times change unless the rewrite keeps the length and falls within one tick of the file
+// system's clock.
+struct FileStamp {
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+    std::int64_t size = 0;
+    std::int64_t modifiedNanoseconds = 0;
+    std::int64_t changedNanoseconds = 0;
+
+    bool operator==(const FileStamp&) const = default;
+};
+
+// Holds a file open. While it is held, no other file can take the file's identity (device and
+// inode), so a path whose stamp equals this one's names this very file. Dropping it closes the
+// file.
+class FilePin {
+public:
+    explicit FilePin(FileStamp stamp) : stamp_(stamp) {}
+    virtual ~FilePin() = default;
+    FilePin(const FilePin&) = delete;
+    FilePin& operator=(const FilePin&) = delete;
+
+    // The file's stamp when it was pinned.
+    const FileStamp& stamp() const { return stamp_; }
+
+private:
+    FileStamp stamp_;
+};
+
+// A file's contents together with a pin of the very file that they were read from or
+// written to.
+struct PinnedContents {
+    Bytes contents;
+    std::shared_ptr<const FilePin> pin;
 };
 
 // The pending run of a one-shot timer.
@@ -57,6 +97,21 @@ public:
     // the old or the new contents, never a torn file.
     virtual std::expected<void, FileError> writeFile(const std::filesystem::path& path,
                                                      const Bytes& contents) = 0;
+    // readFile that also pins the file read; the stamp is taken from the open file, so it
+    // belongs to exactly the contents returned.
+    virtual std::expected<PinnedContents, FileError> readFileAndPin(
+        const std::filesystem::path& path) = 0;
+    // The stamp of the file now at path; absent when there is none.
+    virtual std::optional<FileStamp> fileStamp(const std::filesystem::path& path) = 0;
+    // Replaces the contents of a file that is rewritten often, with writeFile's guarantee
+    // (readers see the old or the new contents, never a mix) at a fraction of its cost: the
+    // contents go into a scratch file beside path (".<name>.scratch", made when missing and
+    // kept), whose name is then swapped atomically with path's, so the old contents become
+    // the next scratch. Where the file system cannot swap names it does as writeFile does.
+    // Callers keep two rewrites of one path from overlapping (the scratch file is shared).
+    // Returns a pin of the file now at path, holding exactly contents.
+    virtual std::expected<std::shared_ptr<const FilePin>, FileError> rewriteFile(
+        const std::filesystem::path& path, const Bytes& contents) = 0;
     virtual std::expected<void, FileError> removeItem(const std::filesystem::path& path) = 0;
     // Fails when the destination exists.
     virtual std::expected<void, FileError> moveItem(const std::filesystem::path& from,
@@ -131,6 +186,17 @@ public:
     std::expected<void, FileError> writeFile(const std::filesystem::path& p,
                                              const Bytes& c) override {
         return target_.writeFile(p, c);
+    }
+    std::expected<PinnedContents, FileError> readFileAndPin(
+        const std::filesystem::path& p) override {
+        return target_.readFileAndPin(p);
+    }
+    std::optional<FileStamp> fileStamp(const std::filesystem::path& p) override {
+        return target_.fileStamp(p);
+    }
+    std::expected<std::shared_ptr<const FilePin>, FileError> rewriteFile(
+        const std::filesystem::path& p, const Bytes& c) override {
+        return target_.rewriteFile(p, c);
     }
     std::expected<void, FileError> removeItem(const std::filesystem::path& p) override {
         return target_.removeItem(p);

@@ -1,6 +1,7 @@
 #include "platform/linux/LinuxEnv.hpp"
 
 #include <fcntl.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -48,6 +49,93 @@ std::expected<void, FileError> makeDirectories(const fs::path& path) {
         return std::unexpected(fileError("Not a directory", path, ec));
     }
     return {};
+}
+
+FileStamp stampOf(const struct stat& info) {
+    const auto nanoseconds = [](const timespec& time) {
+        return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+    };
+    return FileStamp{static_cast<std::uint64_t>(info.st_dev),
+                     static_cast<std::uint64_t>(info.st_ino),
+                     static_cast<std::int64_t>(info.st_size), nanoseconds(info.st_mtim),
+                     nanoseconds(info.st_ctim)};
+}
+
+// Keeps a file's descriptor open for as long as the pin lives.
+class DescriptorPin final : public FilePin {
+public:
+    DescriptorPin(int descriptor, FileStamp stamp) : FilePin(stamp), descriptor_(descriptor) {}
+    ~DescriptorPin() override { ::close(descriptor_); }
+
+private:
+    const int descriptor_;
+};
+
+// A regular file opened and read whole; the caller owns the descriptor.
+struct OpenedFile {
+    int descriptor = -1;
+    FileStamp stamp;
+    Bytes contents;
+};
+
+std::expected<OpenedFile, FileError> openAndRead(const fs::path& path) {
+    const auto failure = [&path](int error) {
+        return std::unexpected(
+            fileError("Could not read the file", path, {error, std::generic_category()}));
+    };
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return failure(errno);
+    const auto fail = [fd, &failure](int error) {
+        ::close(fd);
+        return failure(error);
+    };
+    struct stat info {};
+    if (::fstat(fd, &info) != 0) return fail(errno);
+    if (!S_ISREG(info.st_mode)) return fail(S_ISDIR(info.st_mode) ? EISDIR : EINVAL);
+    // The size is a hint: the file may grow or shrink while it is read.
+    Bytes contents(static_cast<std::size_t>(info.st_size));
+    std::size_t filled = 0;
+    while (true) {
+        if (filled == contents.size()) contents.resize(contents.size() + 4096);
+        const ssize_t n = ::read(fd, contents.data() + filled, contents.size() - filled);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return fail(errno);
+        if (n == 0) break;
+        filled += static_cast<std::size_t>(n);
+    }
+    contents.resize(filled);
+    return OpenedFile{fd, stampOf(info), std::move(contents)};
+}
+
+// Writes all of contents at the start of the file. False with errno set when it cannot.
+bool writeWhole(int fd, const Bytes& contents) {
+    std::size_t written = 0;
+    while (written < contents.size()) {
+        const ssize_t n = ::pwrite(fd, contents.data() + written, contents.size() - written,
+                                   static_cast<off_t>(written));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        written += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+// Puts the filled scratch file in path's place. Swapping the two names keeps the old file as
+// the next scratch: replacing a file with a new one costs the file system a new inode, and
+// ext4 also flushes the new file's data on such a rename. A plain rename serves where there is
+// no file to swap with yet, or where the file system cannot swap names. False with errno set.
+bool swapIntoPlace(const fs::path& scratch, const fs::path& path) {
+    struct stat target {};
+    const bool regularTarget = ::lstat(path.c_str(), &target) == 0 && S_ISREG(target.st_mode);
+    if (regularTarget &&
+        ::renameat2(AT_FDCWD, scratch.c_str(), AT_FDCWD, path.c_str(), RENAME_EXCHANGE) == 0) {
+        return true;
+    }
+    const bool swapUnsupported = errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP;
+    if (regularTarget && !swapUnsupported) return false;
+    // Anything but a regular file at path (nothing, a link) is replaced, as writeFile would;
+    // a directory there makes rename fail.
+    return ::rename(scratch.c_str(), path.c_str()) == 0;
 }
 
 // The language list of the POSIX environment, as BCP 47 tags ("en_GB.UTF-8" -> "en-GB").
@@ -137,34 +225,47 @@ Date LinuxEnv::now() {
 }
 
 std::expected<Bytes, FileError> LinuxEnv::readFile(const fs::path& path) {
-    const auto failure = [&path](int error) {
-        return std::unexpected(fileError("Could not read the file", path, {error, std::generic_category()}));
-    };
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return failure(errno);
+    auto opened = openAndRead(path);
+    if (!opened) return std::unexpected(opened.error());
+    ::close(opened->descriptor);
+    return std::move(opened->contents);
+}
+
+std::expected<PinnedContents, FileError> LinuxEnv::readFileAndPin(const fs::path& path) {
+    auto opened = openAndRead(path);
+    if (!opened) return std::unexpected(opened.error());
+    return PinnedContents{std::move(opened->contents),
+                          std::make_shared<DescriptorPin>(opened->descriptor, opened->stamp)};
+}
+
+std::optional<FileStamp> LinuxEnv::fileStamp(const fs::path& path) {
     struct stat info {};
-    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-        int error = S_ISDIR(info.st_mode) ? EISDIR : errno;
+    if (::stat(path.c_str(), &info) != 0) return std::nullopt;
+    return stampOf(info);
+}
+
+std::expected<std::shared_ptr<const FilePin>, FileError> LinuxEnv::rewriteFile(
+    const fs::path& path, const Bytes& contents) {
+    const auto failure = [&path](int error) {
+        return std::unexpected(
+            fileError("Could not write the file", path, {error, std::generic_category()}));
+    };
+    const fs::path scratch = path.parent_path() / ("." + path.filename().string() + ".scratch");
+    // The scratch file is this call's own (callers serialise rewrites); O_NOFOLLOW keeps a link
+    // planted there from redirecting the write.
+    int fd = ::open(scratch.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) return failure(errno);
+    const auto fail = [&](int error) {
         ::close(fd);
         return failure(error);
+    };
+    if (!writeWhole(fd, contents) || ::ftruncate(fd, static_cast<off_t>(contents.size())) != 0) {
+        return fail(errno);
     }
-    Bytes contents(static_cast<std::size_t>(info.st_size));
-    std::size_t filled = 0;
-    while (true) {
-        if (filled == contents.size()) contents.resize(contents.size() + 4096);
-        ssize_t n = ::read(fd, contents.data() + filled, contents.size() - filled);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            int error = errno;
-            ::close(fd);
-            return failure(error);
-        }
-        if (n == 0) break;
-        filled += static_cast<std::size_t>(n);
-    }
-    ::close(fd);
-    contents.resize(filled);
-    return contents;
+    if (!swapIntoPlace(scratch, path)) return fail(errno);
+    struct stat info {};
+    if (::fstat(fd, &info) != 0) return fail(errno);
+    return std::make_shared<DescriptorPin>(fd, stampOf(info));
 }
 
 std::expected<void, FileError> LinuxEnv::writeFile(const fs::path& path, const Bytes& contents) {
@@ -192,6 +293,12 @@ std::expected<void, FileError> LinuxEnv::writeFile(const fs::path& path, const B
 }
 
 std::expected<void, FileError> LinuxEnv::removeItem(const fs::path& path) {
+    // A file, the common case, in one call; a directory goes with all it holds.
+    if (::unlink(path.c_str()) == 0) return {};
+    if (errno == ENOENT) {
+        return std::unexpected(
+            fileError("Could not remove", path, {ENOENT, std::generic_category()}));
+    }
     std::error_code ec;
     if (fs::remove_all(path, ec) == 0 || ec) {
         if (!ec) ec = std::make_error_code(std::errc::no_such_file_or_directory);
@@ -220,8 +327,13 @@ bool LinuxEnv::fileExists(const fs::path& path) {
 }
 
 std::optional<fs::path> LinuxEnv::directoryUnderHome(const fs::path& relative) {
+    std::lock_guard lock(madeDirectoriesMutex_);
+    if (auto made = madeDirectories_.find(relative); made != madeDirectories_.end()) {
+        return made->second;
+    }
     fs::path directory = home_ / relative;
     if (!makeDirectories(directory)) return std::nullopt;
+    madeDirectories_.emplace(relative, directory);
     return directory;
 }
 

@@ -57,6 +57,11 @@ public:
     std::expected<Bytes, FileError> readFile(const std::filesystem::path& path) override;
     std::expected<void, FileError> writeFile(const std::filesystem::path& path,
                                              const Bytes& contents) override;
+    std::expected<PinnedContents, FileError> readFileAndPin(
+        const std::filesystem::path& path) override;
+    std::optional<FileStamp> fileStamp(const std::filesystem::path& path) override;
+    std::expected<std::shared_ptr<const FilePin>, FileError> rewriteFile(
+        const std::filesystem::path& path, const Bytes& contents) override;
     std::expected<void, FileError> removeItem(const std::filesystem::path& path) override;
     std::expected<void, FileError> moveItem(const std::filesystem::path& from,
                                             const std::filesystem::path& to) override;
@@ -90,6 +95,9 @@ public:
     std::unique_ptr<ImageCanvas> newImageCanvas(int width, int height) override;
 
 private:
+    // home/relative, made if missing the first time it is asked for. Later calls trust that it
+    // is still there (queue and download files are written through createDirectories, which
+    // makes it again): the library asks for the same directories on every file operation.
     std::optional<std::filesystem::path> directoryUnderHome(const std::filesystem::path& relative);
 
     struct Loop;
@@ -102,6 +110,8 @@ private:
     std::map<std::string, std::shared_ptr<DefaultsSuite>> openSuites_;
     std::mutex sharedSessionMutex_;
     std::shared_ptr<UrlSession> sharedSession_;
+    std::mutex madeDirectoriesMutex_;
+    std::map<std::filesystem::path, std::filesystem::path> madeDirectories_;
 };
 
 }  // namespace vontu::platform::linux_host

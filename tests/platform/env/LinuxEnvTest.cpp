@@ -64,6 +64,45 @@ TEST(LinuxEnvFiles, WritesReplaceWholeFilesOwnerOnlyAndMovesNeverReplace) {
     EXPECT_TRUE(env.removeItem(directory));
 }
 
+// A file rewritten often swaps names with its scratch file: each rewrite leaves the file whole,
+// the pins tell the versions apart, and what is not a regular file is never swapped away.
+TEST(LinuxEnvFiles, RewritesSwapWithTheScratchFileAndPinsTellVersionsApart) {
+    auto& env = Env::current();
+    const auto directory = *env.temporaryDirectory() / "rewrites";
+    ASSERT_TRUE(env.createDirectories(directory));
+    const auto file = directory / "inventory.json";
+    const auto scratch = directory / ".inventory.json.scratch";
+
+    auto first = env.rewriteFile(file, toBytes("[1]"));  // no file yet: the scratch becomes it
+    ASSERT_TRUE(first);
+    EXPECT_EQ(env.readFile(file).value(), toBytes("[1]"));
+    EXPECT_EQ(env.fileStamp(file), (*first)->stamp());
+    EXPECT_FALSE(fs::exists(scratch));
+
+    auto second = env.rewriteFile(file, toBytes("[1,22]"));
+    ASSERT_TRUE(second);
+    auto third = env.rewriteFile(file, toBytes("[3]"));  // shorter than the file it reuses
+    ASSERT_TRUE(third);
+    EXPECT_EQ(env.readFile(file).value(), toBytes("[3]"));
+    EXPECT_EQ(env.readFile(scratch).value(), toBytes("[1,22]"));
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(std::distance(fs::directory_iterator(directory), fs::directory_iterator()), 2);
+    // Swapping makes the file another one each time, and the current stamp is the newest pin's.
+    EXPECT_NE((*second)->stamp().inode, (*third)->stamp().inode);
+    EXPECT_EQ(env.fileStamp(file), (*third)->stamp());
+    auto read = env.readFileAndPin(file);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->contents, toBytes("[3]"));
+    EXPECT_EQ(read->pin->stamp(), (*third)->stamp());
+    EXPECT_FALSE(env.readFileAndPin(directory / "missing"));
+
+    const auto blocked = directory / "blocked";
+    ASSERT_TRUE(env.createDirectories(blocked / "inside"));
+    EXPECT_FALSE(env.rewriteFile(blocked, toBytes("[]")));
+    EXPECT_TRUE(fs::is_directory(blocked / "inside"));
+    EXPECT_TRUE(env.removeItem(directory));
+}
+
 TEST(LinuxEnvFiles, DirectoriesFollowTheStateLayout) {
     vontu::testing::TestEnv test([] { HostSettings settings; settings.bundleIdentifier = "ios.vontu.NSE"; return settings; }());
     EXPECT_EQ(test.env().applicationSupportDirectory(), test.home() / "apps" / "ios.vontu.NSE" / "support");
