@@ -23,6 +23,8 @@
 #include <system_error>
 #include <thread>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 namespace vontu::platform::linux_host {
 
@@ -104,13 +106,18 @@ struct Transfer {
     enum class Kind { data, download };
 
     Transfer(Kind transferKind, UrlRequest urlRequest) : kind(transferKind), request(std::move(urlRequest)) {}
-    ~Transfer() { releaseCurl(); }
+    ~Transfer() {
+        if (easy != nullptr) curl_easy_cleanup(easy);
+        releaseResources();
+    }
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
 
-    void releaseCurl() {
-        if (easy != nullptr) curl_easy_cleanup(easy);
-        easy = nullptr;
+    // Gives up the curl handle, for the session to use again.
+    CURL* takeEasyHandle() { return std::exchange(easy, nullptr); }
+
+    // Everything but the curl handle.
+    void releaseResources() {
         curl_slist_free_all(headerList);
         headerList = nullptr;
         if (file != nullptr) std::fclose(file);
@@ -387,6 +394,7 @@ public:
     }
 
     ~SessionCore() {
+        for (CURL* easy : idleHandles_) curl_easy_cleanup(easy);
         if (multi_ != nullptr) curl_multi_cleanup(multi_);
         curl_slist_free_all(connectTo_);
     }
@@ -532,7 +540,7 @@ private:
         auto headers = headerListFor(transfer.request, config_.additionalHeaders);
         if (!headers) return headers.error();
         transfer.headerList = *headers;
-        transfer.easy = curl_easy_init();
+        transfer.easy = idleHandle();
         if (transfer.easy == nullptr) return makeError(UrlError::Code::other, "cannot create a transfer");
         if (transfer.kind == Transfer::Kind::download) {
             if (auto problem = openDownloadFile(transfer)) return problem;
@@ -664,13 +672,36 @@ private:
         transfer.response.url = effectiveUrl != nullptr ? effectiveUrl : transfer.request.url;
     }
 
+    // A curl handle with default options: one that an earlier transfer left, or a new one.
+    // Making a handle is a large share of a short request's own cost.
+    CURL* idleHandle() {
+        if (idleHandles_.empty()) return curl_easy_init();
+        CURL* easy = idleHandles_.back();
+        idleHandles_.pop_back();
+        return easy;
+    }
+
+    void keepIdleHandle(CURL* easy) {
+        if (easy == nullptr) return;
+        // A few suffice: tasks of one session mostly run one or two at a time.
+        constexpr std::size_t mostIdleHandles = 4;
+        if (idleHandles_.size() >= mostIdleHandles) {
+            curl_easy_cleanup(easy);
+            return;
+        }
+        // Forgets the options; the session's connections stay with the multi handle.
+        curl_easy_reset(easy);
+        idleHandles_.push_back(easy);
+    }
+
     // Calls the task's completion, once, with no lock held: it may start tasks on this very
     // session, cancel, invalidate, or drop the last reference to the session.
-    static void complete(Transfer& transfer, std::optional<UrlError> error) {
+    void complete(Transfer& transfer, std::optional<UrlError> error) {
         const bool cancelled = error && error->code == UrlError::Code::cancelled;
         std::optional<HttpUrlResponse> response;
         if (!cancelled && transfer.response.statusCode > 0) response = std::move(transfer.response);
-        transfer.releaseCurl();  // closes the download file too
+        keepIdleHandle(transfer.takeEasyHandle());
+        transfer.releaseResources();  // closes the download file too
         if (transfer.kind == Transfer::Kind::data) {
             DataTaskCompletion completion = std::move(transfer.dataCompletion);
             transfer.dataCompletion = nullptr;
@@ -726,6 +757,7 @@ private:
 
     // The session thread's own.
     std::unordered_map<CURL*, std::shared_ptr<Transfer>> running_;
+    std::vector<CURL*> idleHandles_;
 };
 
 // ---------------------------------------------------------------------------------------------
