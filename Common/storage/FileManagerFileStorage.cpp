@@ -33,20 +33,29 @@ std::optional<std::string> fileName(FileType type, const std::optional<std::stri
 FileManagerFileStorage::FileManagerFileStorage(std::string siteId, std::shared_ptr<Logger> logger)
     : siteId_(std::move(siteId)), logger_(std::move(logger)) {}
 
-std::optional<fs::path> FileManagerFileStorage::fileUrl(
+std::optional<fs::path> FileManagerFileStorage::filePath(
     FileType type, const std::optional<std::string>& fileId) const {
     auto name = fileName(type, fileId);
     if (!name) return std::nullopt;
-
-    Env& env = Env::current();
-    auto base = env.applicationSupportDirectory();
+    auto base = Env::current().applicationSupportDirectory();
     if (!base) return std::nullopt;
+    // Joined as text: every file operation of the queue comes here.
+    std::string path = base->native();
+    path.append("/").append(libraryDirectoryName).append("/").append(siteId_).append("/queue/");
+    if (type == FileType::queueTask) path.append("tasks/");
+    return fs::path(std::move(path.append(*name)));
+}
 
-    fs::path directory = *base / libraryDirectoryName / siteId_ / "queue";
-    if (type == FileType::queueTask) directory /= "tasks";
-    if (!env.createDirectories(directory)) return std::nullopt;
+std::optional<fs::path> FileManagerFileStorage::fileUrl(
+    FileType type, const std::optional<std::string>& fileId) const {
+    auto path = filePath(type, fileId);
+    if (!path || !Env::current().createDirectories(path->parent_path())) return std::nullopt;
+    return path;
+}
 
-    return directory / *name;
+bool FileManagerFileStorage::reportFailure(const vontu::platform::FileError& error) const {
+    logger_->error(error.localizedDescription);
+    return false;
 }
 
 bool FileManagerFileStorage::save(FileType type, const Bytes& contents,
@@ -54,34 +63,57 @@ bool FileManagerFileStorage::save(FileType type, const Bytes& contents,
     auto url = fileUrl(type, fileId);
     if (!url) return false;
     auto written = Env::current().writeFile(*url, contents);
-    if (!written) {
-        logger_->error(written.error().localizedDescription);
-        return false;
-    }
-    return true;
+    return written ? true : reportFailure(written.error());
 }
 
 std::optional<Bytes> FileManagerFileStorage::get(FileType type,
                                                  const std::optional<std::string>& fileId) {
-    auto url = fileUrl(type, fileId);
-    if (!url) return std::nullopt;
-    auto contents = Env::current().readFile(*url);
+    auto path = filePath(type, fileId);
+    if (!path) return std::nullopt;
+    auto contents = Env::current().readFile(*path);
     if (!contents) {
-        logger_->error(contents.error().localizedDescription);
+        reportFailure(contents.error());
         return std::nullopt;
     }
     return std::move(*contents);
 }
 
 bool FileManagerFileStorage::deleteFile(FileType type, const std::string& fileId) {
-    auto url = fileUrl(type, fileId);
-    if (!url) return false;
-    auto removed = Env::current().removeItem(*url);
-    if (!removed) {
-        logger_->error(removed.error().localizedDescription);
-        return false;
+    auto path = filePath(type, fileId);
+    if (!path) return false;
+    auto removed = Env::current().removeItem(*path);
+    return removed ? true : reportFailure(removed.error());
+}
+
+std::optional<vontu::platform::PinnedContents> FileManagerFileStorage::getPinned(
+    FileType type, const std::optional<std::string>& fileId) {
+    auto path = filePath(type, fileId);
+    if (!path) return std::nullopt;
+    auto read = Env::current().readFileAndPin(*path);
+    if (!read) {
+        reportFailure(read.error());
+        return std::nullopt;
     }
-    return true;
+    return std::move(*read);
+}
+
+bool FileManagerFileStorage::isUnchanged(FileType type, const std::optional<std::string>& fileId,
+                                         const vontu::platform::FilePin& pin) {
+    auto path = filePath(type, fileId);
+    if (!path) return false;
+    return Env::current().fileStamp(*path) == pin.stamp();
+}
+
+std::shared_ptr<const vontu::platform::FilePin> FileManagerFileStorage::rewrite(
+    FileType type, const Bytes& contents, const std::optional<std::string>& fileId) {
+    auto url = fileUrl(type, fileId);
+    if (!url) return nullptr;
+    auto written = Env::current().rewriteFile(*url, contents);
+    if (!written) {
+        reportFailure(written.error());
+        return nullptr;
+    }
+    return std::move(*written);
 }
 
 }  // namespace tern

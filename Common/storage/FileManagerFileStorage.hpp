@@ -24,6 +24,13 @@ public:
     std::optional<vontu::platform::Bytes> get(FileType type,
                                               const std::optional<std::string>& fileId) override;
     bool deleteFile(FileType type, const std::string& fileId) override;
+    std::optional<vontu::platform::PinnedContents> getPinned(
+        FileType type, const std::optional<std::string>& fileId) override;
+    bool isUnchanged(FileType type, const std::optional<std::string>& fileId,
+                     const vontu::platform::FilePin& pin) override;
+    std::shared_ptr<const vontu::platform::FilePin> rewrite(
+        FileType type, const vontu::platform::Bytes& contents,
+        const std::optional<std::string>& fileId) override;
 
     // Where the file of (type, fileId) lives, its directory created. Absent for a task without
     // a file id, or when the directory cannot be found or created.
@@ -31,6 +38,13 @@ public:
                                                  const std::optional<std::string>& fileId) const;
 
 private:
+    // Where the file of (type, fileId) lives, without creating anything: for reads, which
+    // find nothing where there is no directory.
+    std::optional<std::filesystem::path> filePath(FileType type,
+                                                  const std::optional<std::string>& fileId) const;
+    // Logs a failed operation's description; false.
+    bool reportFailure(const vontu::platform::FileError& error) const;
+
     std::string siteId_;
     std::shared_ptr<Logger> logger_;
 };

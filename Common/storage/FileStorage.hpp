@@ -1,11 +1,13 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 
 #include "Common/storage/FileType.hpp"
 #include "platform/AutoMockable.hpp"
 #include "platform/Bytes.hpp"
+#include "platform/Env.hpp"
 
 namespace tern {
 
@@ -20,6 +22,20 @@ public:
         FileType type, const std::optional<std::string>& fileId) = 0;
     // True when the file was removed. (Not named delete: C++ reserves that word.)
     virtual bool deleteFile(FileType type, const std::string& fileId) = 0;
+
+    // For a file that one reader keeps decoded and that is rewritten often (the inventory):
+    // get, with a pin of the file read; absent as for get.
+    virtual std::optional<vontu::platform::PinnedContents> getPinned(
+        FileType type, const std::optional<std::string>& fileId) = 0;
+    // True when the file is still the pinned one, unchanged as far as its stamp tells (see
+    // vontu::platform::FileStamp).
+    virtual bool isUnchanged(FileType type, const std::optional<std::string>& fileId,
+                             const vontu::platform::FilePin& pin) = 0;
+    // save, made for frequent rewrites (see Env::rewriteFile); a pin of the file written, or
+    // null when it was not written.
+    virtual std::shared_ptr<const vontu::platform::FilePin> rewrite(
+        FileType type, const vontu::platform::Bytes& contents,
+        const std::optional<std::string>& fileId) = 0;
 };
 
 }  // namespace tern
