@@ -1,6 +1,7 @@
 #include "Common/queue/FileManagerQueueStorage.hpp"
 
 #include <algorithm>
+#include <map>
 #include <cmath>
 #include <mutex>
 #include <unordered_set>
@@ -49,6 +50,57 @@ std::string setDescription(const std::vector<QueueTaskMetadata>& entries) {
 
 }  // namespace
 
+// What the process last read or wrote of one queue's inventory.
+struct FileManagerQueueStorage::KnownInventory {
+    // The entries, shared with the inventories handed out; changed in place only while no
+    // inventory handed out holds them.
+    std::shared_ptr<std::vector<QueueTaskMetadata>> entries =
+        std::make_shared<std::vector<QueueTaskMetadata>>();
+    // Each entry as the JSON adapter writes it; empty unless every entry could be encoded.
+    std::vector<std::string> encodedEntries;
+    // The file that holds exactly these entries and the directory's change count at the time;
+    // absent while the entries are not known to be current (a file of another writer whose
+    // bytes are not this library's own encoding, an unreadable or missing file).
+    std::shared_ptr<const vontu::platform::FilePin> file;
+    std::uint64_t changeCount = 0;
+    // False when the entries may differ from what their encodings read back as: entries of
+    // another writer (fractions of seconds, say), or given to saveInventory.
+    bool readBackAsTheyAre = true;
+
+    bool isEncoded() const { return encodedEntries.size() == entries->size(); }
+    void forget() { file.reset(); }
+};
+
+std::shared_ptr<FileManagerQueueStorage::KnownInventory> FileManagerQueueStorage::knownInventoryOf(
+    const std::filesystem::path& lockFile) {
+    // One record per queue directory (keyed by its lock file) for the whole process. Never
+    // destroyed, so threads still running at exit find it in place.
+    static auto* mutex = new std::mutex;
+    static auto* known = new std::map<std::filesystem::path, std::shared_ptr<KnownInventory>>;
+    std::lock_guard guard(*mutex);
+    auto& record = (*known)[lockFile];
+    if (!record) record = std::make_shared<KnownInventory>();
+    return record;
+}
+
+namespace {
+
+Bytes joinedArray(const std::vector<std::string>& encodedEntries) {
+    std::size_t length = 2;
+    for (const auto& entry : encodedEntries) length += entry.size() + 1;
+    Bytes bytes;
+    bytes.reserve(length);
+    bytes.push_back('[');
+    for (std::size_t i = 0; i < encodedEntries.size(); ++i) {
+        if (i > 0) bytes.push_back(',');
+        bytes.insert(bytes.end(), encodedEntries[i].begin(), encodedEntries[i].end());
+    }
+    bytes.push_back(']');
+    return bytes;
+}
+
+}  // namespace
+
 FileManagerQueueStorage::FileManagerQueueStorage(std::shared_ptr<FileStorage> fileStorage,
                                                  std::shared_ptr<JsonAdapter> jsonAdapter,
                                                  std::string siteId, SdkConfig sdkConfig,
@@ -62,38 +114,104 @@ FileManagerQueueStorage::FileManagerQueueStorage(std::shared_ptr<FileStorage> fi
       logger_(std::move(logger)),
       dateUtil_(std::move(dateUtil)),
       lock_(lockManager->getLock(LockReference::queueStorage)),
-      directoryLock_(siteId_, logger_) {}
+      directoryLock_(siteId_, logger_) {
+    if (const auto lockFile = directoryLock_.lockFilePath()) {
+        known_ = knownInventoryOf(*lockFile);
+    } else {
+        // Without a directory lock nothing is shared, and nothing counts changes: this object
+        // reads the file every time.
+        known_ = std::make_shared<KnownInventory>();
+    }
+}
 
-std::vector<QueueTaskMetadata> FileManagerQueueStorage::getInventory() {
+FileManagerQueueStorage::KnownInventory& FileManagerQueueStorage::currentInventory() {
+    KnownInventory& known = *known_;
+    const auto changeCount = directoryLock_.inventoryChanges();
+    const bool current = known.file && changeCount && *changeCount == known.changeCount &&
+                         fileStorage_->isUnchanged(FileType::queueInventory, std::nullopt,
+                                                   *known.file);
+    if (!current) readInventory();
+    return known;
+}
+
+void FileManagerQueueStorage::readInventory() {
+    KnownInventory& known = *known_;
+    known = KnownInventory{};
+    auto read = fileStorage_->getPinned(FileType::queueInventory, std::nullopt);
+    if (!read) return;
+    auto entries = jsonAdapter_->fromJson<std::vector<QueueTaskMetadata>>(read->contents, true);
+    if (!entries) return;
+    *known.entries = std::move(*entries);
+
+    for (const auto& entry : *known.entries) {
+        auto encoded = encodeEntry(entry);
+        if (!encoded) {
+            known.encodedEntries.clear();
+            return;
+        }
+        known.encodedEntries.push_back(std::move(*encoded));
+    }
+    // Only a file in this library's own encoding holds exactly what writing these entries
+    // gives (another writer's may have fractions of seconds, or other spacing); any other is
+    // read again until this library has written it.
+    known.readBackAsTheyAre = joinedArray(known.encodedEntries) == read->contents;
+    const auto changeCount = directoryLock_.inventoryChanges();
+    if (known.readBackAsTheyAre && changeCount) {
+        known.file = std::move(read->pin);
+        known.changeCount = *changeCount;
+    }
+}
+
+std::vector<QueueTaskMetadata>& FileManagerQueueStorage::entriesToChange() {
+    auto& entries = known_->entries;
+    if (entries.use_count() > 1) entries = std::make_shared<std::vector<QueueTaskMetadata>>(*entries);
+    return *entries;
+}
+
+bool FileManagerQueueStorage::writeInventory() {
+    KnownInventory& known = *known_;
+    std::optional<Bytes> bytes;
+    if (known.isEncoded()) {
+        bytes = joinedArray(known.encodedEntries);
+    } else {
+        bytes = jsonAdapter_->toJson(*known.entries);
+    }
+    auto written = bytes ? fileStorage_->rewrite(FileType::queueInventory, *bytes, std::nullopt)
+                         : nullptr;
+    if (!written) {
+        known.forget();
+        return false;
+    }
+    const auto changeCount = directoryLock_.noteInventoryChange();
+    // Entries that may read back other than they are now: the next read decodes the file.
+    if (known.isEncoded() && known.readBackAsTheyAre && changeCount) {
+        known.file = std::move(written);
+        known.changeCount = *changeCount;
+    } else {
+        known.forget();
+    }
+    return true;
+}
+
+std::optional<std::string> FileManagerQueueStorage::encodeEntry(
+    const QueueTaskMetadata& entry) const {
+    auto encoded = jsonAdapter_->toJson(entry);
+    if (!encoded) return std::nullopt;
+    return std::string(encoded->begin(), encoded->end());
+}
+
+QueueInventory FileManagerQueueStorage::getInventory() {
     OperationLock hold(*this);
-    auto data = fileStorage_->get(FileType::queueInventory, std::nullopt);
-    if (!data) return {};
-    // A run reads the inventory several times per task, mostly unchanged since the last read.
-    if (decodedInventory_ && *data == decodedInventory_->bytes) return decodedInventory_->entries;
-    auto inventory = jsonAdapter_->fromJson<std::vector<QueueTaskMetadata>>(*data, true);
-    if (!inventory) return {};
-    decodedInventory_ = DecodedInventory{std::move(*data), *inventory};
-    return std::move(*inventory);
+    return QueueInventory(currentInventory().entries);
 }
 
 bool FileManagerQueueStorage::saveInventory(const std::vector<QueueTaskMetadata>& inventory) {
     OperationLock hold(*this);
-    return writeInventory(inventory, false);
-}
-
-bool FileManagerQueueStorage::writeInventory(const std::vector<QueueTaskMetadata>& inventory,
-                                             bool entriesReadFromFile) {
-    auto data = jsonAdapter_->toJson(inventory);
-    if (!data) return false;
-    if (!fileStorage_->save(FileType::queueInventory, *data, std::nullopt)) return false;
-    // Entries decoded from the file read back exactly as they are; others (a new entry's date
-    // has a fraction that the file drops) are decoded again on the next read.
-    if (entriesReadFromFile) {
-        decodedInventory_ = DecodedInventory{std::move(*data), inventory};
-    } else {
-        decodedInventory_.reset();
-    }
-    return true;
+    KnownInventory& known = *known_;
+    known = KnownInventory{};
+    *known.entries = inventory;
+    known.readBackAsTheyAre = false;
+    return writeInventory();
 }
 
 CreateQueueStorageTaskResult FileManagerQueueStorage::create(
@@ -101,8 +219,8 @@ CreateQueueStorageTaskResult FileManagerQueueStorage::create(
     const std::optional<std::vector<QueueTaskGroup>>& blockingGroups) {
     OperationLock hold(*this);
 
-    auto inventory = getInventory();
-    const auto countBefore = static_cast<std::int64_t>(inventory.size());
+    KnownInventory& known = currentInventory();
+    const auto countBefore = static_cast<std::int64_t>(known.entries->size());
 
     // The task file comes first: an entry in the inventory must always find its file. If a
     // later step fails, the file stays behind unlisted, which nobody reads.
@@ -115,17 +233,21 @@ CreateQueueStorageTaskResult FileManagerQueueStorage::create(
         metadata.groupMember.emplace();
         for (const auto& group : *blockingGroups) metadata.groupMember->push_back(group.string());
     }
+    auto encoded = encodeEntry(metadata);
+    if (!encoded) return failedCreate(countBefore);
+    // Kept as later reads of the file give it (whole-second dates).
+    auto stored = jsonAdapter_->fromJson<QueueTaskMetadata>(std::string_view(*encoded), true);
+    if (!stored) return failedCreate(countBefore);
 
-    inventory.push_back(metadata);
-    const auto countAfter = static_cast<std::int64_t>(inventory.size());
-    if (!saveInventory(inventory)) return failedCreate(countBefore);
+    const bool encodedBefore = known.isEncoded();
+    entriesToChange().push_back(std::move(*stored));
+    if (encodedBefore) known.encodedEntries.push_back(std::move(*encoded));
+    const auto countAfter = static_cast<std::int64_t>(known.entries->size());
+    if (!writeInventory()) return failedCreate(countBefore);
 
-    // Report the entry as stored, which is what later reads will see (whole-second dates).
-    auto stored = getInventory();
-    auto created = std::find_if(stored.begin(), stored.end(), [&](const QueueTaskMetadata& entry) {
-        return entry.taskPersistedId == task.storageId;
-    });
-    if (created == stored.end()) {
+    const auto& after = currentInventory().entries;
+    auto created = std::ranges::find(*after, task.storageId, &QueueTaskMetadata::taskPersistedId);
+    if (created == after->end()) {
         logger_->error("expected to find task " + metadata.description() +
                        " to be in the inventory but it wasn't");
         return failedCreate(countBefore);
@@ -151,13 +273,19 @@ std::optional<QueueTask> FileManagerQueueStorage::get(const std::string& storage
 
 bool FileManagerQueueStorage::deleteTask(const std::string& storageId) {
     OperationLock hold(*this);
-    auto inventory = getInventory();
-    std::erase_if(inventory, [&](const QueueTaskMetadata& entry) {
-        return entry.taskPersistedId == storageId;
-    });
+    KnownInventory& known = currentInventory();
+    const bool encoded = known.isEncoded();
+    auto& entries = entriesToChange();
+    // Every entry of that id goes; the encodings go with their entries.
+    for (std::size_t i = entries.size(); i-- > 0;) {
+        if (entries[i].taskPersistedId != storageId) continue;
+        entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(i));
+        if (encoded) known.encodedEntries.erase(known.encodedEntries.begin() +
+                                                static_cast<std::ptrdiff_t>(i));
+    }
     // The entry goes first: a task file without an entry is never read, while an entry
     // without its file would be.
-    if (!writeInventory(inventory, true)) return false;
+    if (!writeInventory()) return false;
     return fileStorage_->deleteFile(FileType::queueTask, storageId);
 }
 
@@ -186,7 +314,7 @@ std::vector<QueueTaskMetadata> FileManagerQueueStorage::deleteExpired() {
 }
 
 std::vector<QueueTaskMetadata> FileManagerQueueStorage::expiredTasks(
-    const std::vector<QueueTaskMetadata>& inventory, Date threshold) const {
+    const QueueInventory& inventory, Date threshold) const {
     // A task that opens a group never expires: the tasks of its group wait for it.
     std::unordered_set<QueueTaskMetadata> expired;
     for (const auto& entry : inventory) {

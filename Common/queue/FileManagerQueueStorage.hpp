@@ -21,12 +21,20 @@ namespace tern {
 // of QueueTaskMetadata, oldest first) and each task is "queue/tasks/<storage id>.json", both
 // in the site's directory of the file storage and coded by the JSON adapter.
 //
-// The files are the state; this object keeps only the last inventory it decoded, with the
-// bytes it was decoded from, and uses it only while the file still holds those bytes. Every operation holds the process-wide
-// queueStorage lock (so two storage objects of one process exclude each other, and operations
-// may call one another) and, inside it, the queue directory's lock (so other processes that
-// share the directory are kept out too). A file is always replaced whole, never rewritten in
-// place, so a process that dies mid-operation leaves every file readable.
+// Every operation holds the process-wide queueStorage lock (so two storage objects of one
+// process exclude each other, and operations may call one another) and, inside it, the queue
+// directory's lock (so other processes that share the directory are kept out too). A file is
+// always replaced whole, never rewritten in place, so a process that dies mid-operation leaves
+// every file readable.
+//
+// The files are the state. The process also remembers the inventory it last read or wrote, in
+// one record per queue directory that all storage objects of that queue share (the graph makes
+// a storage object per use): the decoded entries and each entry's encoding, so that a queue
+// run, which reads the inventory and rewrites it once per task, neither decodes nor encodes
+// the whole list again. What it remembers is used only while the inventory file is still the
+// very file it read or wrote, with the same stamp, and the directory lock's change count is
+// still the same: other processes of the library count their changes, and anybody else who
+// replaces the file makes another file.
 class FileManagerQueueStorage final : public QueueStorage {
 public:
     FileManagerQueueStorage(std::shared_ptr<FileStorage> fileStorage,
@@ -35,7 +43,7 @@ public:
                             std::shared_ptr<DateUtil> dateUtil,
                             const std::shared_ptr<LockManager>& lockManager);
 
-    std::vector<QueueTaskMetadata> getInventory() override;
+    QueueInventory getInventory() override;
     bool saveInventory(const std::vector<QueueTaskMetadata>& inventory) override;
     CreateQueueStorageTaskResult create(
         const std::string& type, const vontu::platform::Bytes& data,
@@ -49,15 +57,28 @@ public:
 private:
     // Both locks for the length of one operation, the in-process lock first.
     class OperationLock;
+    // What the process knows of one queue's inventory.
+    struct KnownInventory;
+    // The one record of the queue directory whose lock file is lockFile.
+    static std::shared_ptr<KnownInventory> knownInventoryOf(const std::filesystem::path& lockFile);
 
-    // Replaces the inventory file; entriesReadFromFile tells that every entry came from a read
-    // of the file, so the written bytes decode to exactly these entries.
-    bool writeInventory(const std::vector<QueueTaskMetadata>& inventory, bool entriesReadFromFile);
+    // The inventory as the file holds it now: what is remembered, if still current, else what
+    // the file gives. Call under the operation lock.
+    KnownInventory& currentInventory();
+    // Reads and decodes the inventory file into known_.
+    void readInventory();
+    // The entries of known_, to change: shared with no inventory handed out.
+    std::vector<QueueTaskMetadata>& entriesToChange();
+    // Writes known_ to the inventory file. On failure what is remembered is dropped (the file
+    // keeps its old contents, which the next read finds).
+    bool writeInventory();
     // Writes the task file of task.storageId. False when encoding or writing fails.
     bool saveTask(const QueueTask& task);
+    // The entry as the JSON adapter writes it.
+    std::optional<std::string> encodeEntry(const QueueTaskMetadata& entry) const;
     CreateQueueStorageTaskResult failedCreate(std::int64_t countBefore) const;
     // The inventory entries that deleteExpired removes, as of now.
-    std::vector<QueueTaskMetadata> expiredTasks(const std::vector<QueueTaskMetadata>& inventory,
+    std::vector<QueueTaskMetadata> expiredTasks(const QueueInventory& inventory,
                                                 vontu::platform::Date threshold) const;
 
     std::shared_ptr<FileStorage> fileStorage_;
@@ -68,13 +89,10 @@ private:
     std::shared_ptr<DateUtil> dateUtil_;
     std::shared_ptr<Lock> lock_;
     QueueDirectoryLock directoryLock_;
-
-    struct DecodedInventory {
-        vontu::platform::Bytes bytes;
-        std::vector<QueueTaskMetadata> entries;
-    };
-    // Guarded by the operation lock.
-    std::optional<DecodedInventory> decodedInventory_;
+    // Shared by every storage object of this queue directory in the process; guarded by the
+    // directory lock (which serialises the process's threads even where the file lock cannot
+    // be had).
+    std::shared_ptr<KnownInventory> known_;
 };
 
 }  // namespace tern

@@ -39,6 +39,9 @@ struct QueueDirectoryLock::LockFile {
     void acquire(Logger* logger);
     // Called by the outermost release.
     void release();
+    // The change count at the start of the file (0 for a new, empty file); absent unless held.
+    std::optional<std::uint64_t> readChangeCount() const;
+    bool writeChangeCount(std::uint64_t count) const;
 
     const fs::path path;
     std::recursive_mutex mutex;
@@ -86,6 +89,27 @@ void QueueDirectoryLock::LockFile::release() {
     held = false;
 }
 
+std::optional<std::uint64_t> QueueDirectoryLock::LockFile::readChangeCount() const {
+    if (!held) return std::nullopt;
+    std::uint64_t count = 0;
+    ssize_t n = 0;
+    do {
+        n = ::pread(fd, &count, sizeof count, 0);
+    } while (n < 0 && errno == EINTR);
+    if (n == 0) return 0;  // no change recorded yet
+    if (n != static_cast<ssize_t>(sizeof count)) return std::nullopt;
+    return count;
+}
+
+bool QueueDirectoryLock::LockFile::writeChangeCount(std::uint64_t count) const {
+    if (!held) return false;
+    ssize_t n = 0;
+    do {
+        n = ::pwrite(fd, &count, sizeof count, 0);
+    } while (n < 0 && errno == EINTR);
+    return n == static_cast<ssize_t>(sizeof count);
+}
+
 bool QueueDirectoryLock::LockFile::ensureOpen(Logger* logger) {
     if (fd >= 0 && openedBy != ::getpid()) closeFile();
     if (fd >= 0) return true;
@@ -105,10 +129,10 @@ bool QueueDirectoryLock::LockFile::ensureOpen(Logger* logger) {
 }
 
 bool QueueDirectoryLock::LockFile::stillAtPath() const {
+    // A file removed, or replaced by a rename, has no name left; asking the open file spares
+    // a walk of the path on every operation.
     struct stat opened {};
-    struct stat atPath {};
-    if (::fstat(fd, &opened) != 0 || ::stat(path.c_str(), &atPath) != 0) return false;
-    return opened.st_dev == atPath.st_dev && opened.st_ino == atPath.st_ino;
+    return ::fstat(fd, &opened) == 0 && opened.st_nlink > 0;
 }
 
 void QueueDirectoryLock::LockFile::closeFile() {
@@ -170,6 +194,20 @@ void QueueDirectoryLock::unlock() {
     if (!file_) return;
     if (--file_->depth == 0) file_->release();
     file_->mutex.unlock();
+}
+
+std::optional<std::uint64_t> QueueDirectoryLock::inventoryChanges() const {
+    if (!file_) return std::nullopt;
+    return file_->readChangeCount();
+}
+
+std::optional<std::uint64_t> QueueDirectoryLock::noteInventoryChange() {
+    if (!file_) return std::nullopt;
+    // A count that cannot be read cannot be added to; readers then find it unreadable too and
+    // trust nothing they remember.
+    const auto count = file_->readChangeCount();
+    if (!count || !file_->writeChangeCount(*count + 1)) return std::nullopt;
+    return *count + 1;
 }
 
 std::optional<fs::path> QueueDirectoryLock::lockFilePath() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -33,6 +34,16 @@ public:
 
     void lock();
     void unlock();
+
+    // The lock file also counts the changes that the library makes to the queue's inventory,
+    // so that a process can tell whether what it remembers of the inventory is still current.
+    // Both calls are for the thread that holds this lock.
+    //
+    // The count now; absent when the lock file could not be opened or locked, and nothing can
+    // be told.
+    std::optional<std::uint64_t> inventoryChanges() const;
+    // Adds one to the count, after a change of the inventory; the new count, absent as above.
+    std::optional<std::uint64_t> noteInventoryChange();
 
     // Where the lock file is; absent when the platform has no application-support directory.
     std::optional<std::filesystem::path> lockFilePath() const;

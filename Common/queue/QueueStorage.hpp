@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Common/queue/CreateQueueStorageTaskResult.hpp"
+#include "Common/queue/QueueInventory.hpp"
 #include "Common/queue/QueueTask.hpp"
 #include "Common/queue/QueueTaskGroup.hpp"
 #include "Common/queue/QueueTaskMetadata.hpp"
@@ -20,7 +21,7 @@ namespace tern {
 class QueueStorage : public vontu::AutoMockable {
 public:
     // The inventory, oldest first; empty when there is none or it cannot be read.
-    virtual std::vector<QueueTaskMetadata> getInventory() = 0;
+    virtual QueueInventory getInventory() = 0;
     // Replaces the inventory whole. True when it was written.
     virtual bool saveInventory(const std::vector<QueueTaskMetadata>& inventory) = 0;
     // Stores a new task with a fresh storage id and appends its entry to the inventory.

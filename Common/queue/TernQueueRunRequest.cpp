@@ -33,7 +33,8 @@ public:
     void runTasks() {
         while (keepRunning_) {
             const auto inventory = storage_->getInventory();
-            const auto next = queryRunner_->getNextTask(inventory, lastRanTask_, lastFailedTask_);
+            const auto next =
+                queryRunner_->getNextTask(inventory.entries(), lastRanTask_, lastFailedTask_);
             if (!next) {
                 finish();
                 return;

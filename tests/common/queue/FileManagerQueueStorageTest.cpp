@@ -26,6 +26,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::RecordingLogger;
+using vontu::platform::Bytes;
 using vontu::platform::Date;
 using vontu::platform::toBytes;
 using Groups = std::optional<std::vector<QueueTaskGroup>>;
@@ -129,12 +130,14 @@ TEST_F(FileManagerQueueStorageTest, GetUpdateAndDeleteKnownAndUnknownTasks) {
     EXPECT_FALSE(fs::exists(taskFile(id)));
     EXPECT_EQ(storage->getInventory(), std::vector{second});
 
-    // Another writer's inventory of the same length replaces what this storage last saw.
+    // Another writer that replaces the file whole, as the platform writes files, with an
+    // inventory of the same length: what this storage last saw is not used.
     std::string rewritten = readText(queueFile("inventory.json"));
     const auto idAt = rewritten.find(second.taskPersistedId);
     ASSERT_NE(idAt, std::string::npos);
     rewritten[idAt] = rewritten[idAt] == 'F' ? 'E' : 'F';
-    writeText(queueFile("inventory.json"), rewritten);
+    ASSERT_TRUE(vontu::platform::Env::current().writeFile(queueFile("inventory.json"),
+                                                          toBytes(rewritten)));
     ASSERT_EQ(storage->getInventory().size(), 1u);
     EXPECT_NE(storage->getInventory()[0].taskPersistedId, second.taskPersistedId);
 
@@ -233,6 +236,63 @@ TEST_F(FileManagerQueueStorageTest, ProcessesWritingAtOnceLoseNoEntryEvenWhenOne
     EXPECT_GE(std::ranges::count(inventory, "killed", &QueueTaskMetadata::taskType), 25);
     auto result = reader->create("after", toBytes("{}"), {}, {});
     EXPECT_EQ(result.queueStatus.numTasksInQueue, static_cast<std::int64_t>(inventory.size() + 1));
+}
+
+// File storage whose stamps never tell a change: as when another process rewrites the very file
+// this one last saw, to the same length, within one tick of the file clock.
+class StampBlindFileStorage final : public FileStorage {
+public:
+    explicit StampBlindFileStorage(std::shared_ptr<Logger> logger) : files_(siteId, logger) {}
+    bool save(FileType t, const Bytes& c, const std::optional<std::string>& id) override {
+        return files_.save(t, c, id);
+    }
+    std::optional<Bytes> get(FileType t, const std::optional<std::string>& id) override {
+        return files_.get(t, id);
+    }
+    bool deleteFile(FileType t, const std::string& id) override { return files_.deleteFile(t, id); }
+    std::optional<vontu::platform::PinnedContents> getPinned(
+        FileType t, const std::optional<std::string>& id) override {
+        return files_.getPinned(t, id);
+    }
+    bool isUnchanged(FileType, const std::optional<std::string>&,
+                     const vontu::platform::FilePin&) override {
+        return true;
+    }
+    std::shared_ptr<const vontu::platform::FilePin> rewrite(
+        FileType t, const Bytes& c, const std::optional<std::string>& id) override {
+        return files_.rewrite(t, c, id);
+    }
+
+private:
+    FileManagerFileStorage files_;
+};
+
+// What this process remembers of the inventory goes stale when another process changes it;
+// the change count of the directory lock tells it so even where the file's stamp cannot.
+TEST_F(FileManagerQueueStorageTest, ChangesOfAnotherProcessAreSeenWhereTheStampCannotTell) {
+    SdkConfig config;
+    auto blind = std::make_shared<FileManagerQueueStorage>(
+        std::make_shared<StampBlindFileStorage>(logger), std::make_shared<JsonAdapter>(logger),
+        siteId, config, logger, clock, std::make_shared<LockManager>());
+    const auto kept = *create().createdTask;
+    const auto gone = *create().createdTask;
+    ASSERT_EQ(blind->getInventory(), (std::vector{kept, gone}));
+    const pid_t child = forkChild([&] {
+        vontu::platform::linux_host::LinuxEnv env(
+            {.home = testEnv.home(), .network = {}, .openUrl = {}, .continueUserActivity = {}});
+        vontu::platform::Env::setCurrent(&env);
+        auto other = makeQueueStorage(std::make_shared<RecordingLogger>(), clock);
+        const bool changed = other->deleteTask(gone.taskPersistedId) &&
+                             other->create("trackEvent", toBytes("{}"), {}, {}).success;
+        return changed ? 0 : 1;
+    });
+    ASSERT_EQ(waitForExit(child), 0);
+    const auto inventory = blind->getInventory();
+    ASSERT_EQ(inventory.size(), 2u);
+    EXPECT_EQ(inventory[0], kept);
+    EXPECT_NE(inventory[1].taskPersistedId, gone.taskPersistedId);
+    // Within the process every storage object shares what is known, with no read at all.
+    EXPECT_EQ(storage->getInventory(), inventory);
 }
 
 TEST_F(FileManagerQueueStorageTest, UnopenableLockFileIsReportedOnceAndOperationsGoOn) {
