@@ -1,11 +1,11 @@
 #include "Common/queue/TernQueueRunRequest.hpp"
 
 #include <atomic>
-#include <future>
 #include <optional>
 #include <utility>
 
 #include "Common/util/Utf8.hpp"
+#include "platform/Env.hpp"
 
 namespace tern {
 
@@ -21,22 +21,40 @@ std::string dataText(const vontu::platform::Bytes& data) {
 
 }  // namespace
 
+// A run is a chain of steps rather than a thread parked for its length: the first step runs on
+// a background thread, and after each task the run goes on in the thread that reported the
+// task's outcome, once that outcome has been dealt with. Tasks still run strictly one after
+// the other, and no thread is woken only to start the next task, which on a machine with few
+// cores costs as much as the request itself. Steps never run on the main thread: an outcome
+// reported there (a retried request's timer) sends the run back to a background thread.
 class TernQueueRunRequest::Run : public std::enable_shared_from_this<Run> {
 public:
     Run(std::shared_ptr<QueueRunner> runner, std::shared_ptr<QueueStorage> storage,
         std::shared_ptr<QueueRequestManager> requestManager, std::shared_ptr<Logger> logger,
-        std::shared_ptr<QueueQueryRunner> queryRunner)
+        std::shared_ptr<QueueQueryRunner> queryRunner, std::shared_ptr<ThreadUtil> threadUtil)
         : runner_(std::move(runner)), storage_(std::move(storage)),
           requestManager_(std::move(requestManager)), logger_(std::move(logger)),
-          queryRunner_(std::move(queryRunner)) {}
+          queryRunner_(std::move(queryRunner)), threadUtil_(std::move(threadUtil)) {}
 
-    void runTasks() {
+    // Where a step of the run is carried out.
+    enum class Carrier { backgroundThread, reportingThread };
+
+    // Runs tasks until one is handed out whose outcome comes later (its reporter then goes
+    // on), or the run ends.
+    void runTasks(Carrier carrier) {
         while (keepRunning_) {
-            const auto inventory = storage_->getInventory();
-            const auto next =
-                queryRunner_->getNextTask(inventory.entries(), lastRanTask_, lastFailedTask_);
+            std::optional<QueueTaskMetadata> next;
+            std::size_t tasksLeft = 0;
+            {
+                // Let go of the inventory before the task runs: the storage then changes its
+                // list in place instead of copying it.
+                const auto inventory = storage_->getInventory();
+                next = queryRunner_->getNextTask(inventory.entries(), lastRanTask_,
+                                                 lastFailedTask_);
+                tasksLeft = inventory.size();
+            }
             if (!next) {
-                finish();
+                finish(carrier);
                 return;
             }
             const auto task = storage_->get(next->taskPersistedId);
@@ -44,33 +62,51 @@ public:
                 endWithoutCompleting(*next);
                 return;
             }
-            logger_->debug("queue tasks left to run: " + std::to_string(inventory.size()));
+            logger_->debug("queue tasks left to run: " + std::to_string(tasksLeft));
             logger_->debug("queue next task to run: " + shortTaskId(task->storageId) + ",\n" +
                            task->type + ", " + dataText(task->data) + ", " +
                            task->runResults.description());
-            runAndWait(*task, *next);
+            if (!handOut(*task, *next)) return;
         }
+        // The run was stopped by a pause, and requestComplete has been called already.
     }
 
 private:
-    // Hands the task to the runner and blocks until its outcome has been dealt with. The
-    // outcome is dealt with on the thread that reports it, while this thread waits, so the
-    // two never touch the run's state at the same time.
-    void runAndWait(const QueueTask& task, const QueueTaskMetadata& entry) {
-        auto handled = std::make_shared<std::promise<void>>();
+    // Where a task's outcome stands while runTask has not yet returned.
+    enum class Handover { running, answeredWhileHandingOut, handedOver };
+
+    // Hands the task to the runner. True when its outcome came and was dealt with before
+    // runTask returned: this thread then goes on. Otherwise the thread that reports the
+    // outcome goes on, and this one must touch the run no more.
+    bool handOut(const QueueTask& task, const QueueTaskMetadata& entry) {
+        handover_.store(Handover::running);
         auto answered = std::make_shared<std::atomic<bool>>(false);
-        auto done = handled->get_future();
-        runner_->runTask(task, [self = shared_from_this(), task, entry, handled,
+        runner_->runTask(task, [self = shared_from_this(), task, entry,
                                 answered](TaskResult result) {
             // A runner that answers twice must not handle a task twice, nor reach a run that
             // has moved on.
             if (answered->exchange(true)) return;
             self->handleResult(task, entry, result);
-            handled->set_value();
+            auto expected = Handover::running;
+            if (self->handover_.compare_exchange_strong(expected,
+                                                        Handover::answeredWhileHandingOut)) {
+                return;  // runTask has not returned yet: its caller goes on
+            }
+            self->goOn();
         });
-        // No time limit: every request ends, by the HTTP client's own time-outs at worst. Only a
-        // runner that never answers (see TernQueueRunner) leaves the run waiting for good.
-        done.wait();
+        auto expected = Handover::running;
+        return !handover_.compare_exchange_strong(expected, Handover::handedOver);
+    }
+
+    // Goes on with the run in the thread that reported an outcome.
+    void goOn() {
+        if (!keepRunning_) return;
+        if (vontu::platform::Env::current().isMainThread()) {
+            threadUtil_->runBackground(
+                [self = shared_from_this()] { self->runTasks(Carrier::backgroundThread); });
+        } else {
+            runTasks(Carrier::reportingThread);
+        }
     }
 
     void handleResult(const QueueTask& task, const QueueTaskMetadata& entry,
@@ -115,14 +151,6 @@ private:
         lastRanTask_ = entry;
     }
 
-    // Nothing will get through until the pause is over, so the run stops here. The task is
-    // left as it is: it did not run, so there is nothing to count.
-    void stopBecausePaused(const std::string& id) {
-        logger_->debug("queue task " + id + " didn't run because all HTTP requests paused.");
-        logger_->info("queue is quitting early because all HTTP requests are paused.");
-        finish();
-    }
-
     // The service will answer the same request the same way every time.
     void deleteRejectedTask(const QueueTask& task, const HttpRequestError& error) {
         logger_->error("Received HTTP 400 response while trying to " + task.type +
@@ -141,7 +169,25 @@ private:
         storage_->update(task.storageId, updated);
     }
 
-    void finish() {
+    // The run ran out of tasks. Everybody waiting is told on a background thread, even when
+    // the last outcome came on another: callers may block there, or wait on the very thread
+    // that reported it.
+    void finish(Carrier carrier) {
+        keepRunning_ = false;
+        logger_->debug("queue out of tasks to run.");
+        queryRunner_->reset();
+        if (carrier == Carrier::backgroundThread) {
+            requestManager_->requestComplete();
+        } else {
+            threadUtil_->runBackground([manager = requestManager_] { manager->requestComplete(); });
+        }
+    }
+
+    // Nothing will get through until the pause is over. The run ends in the thread that
+    // reported the pause, which also tells everybody waiting.
+    void stopBecausePaused(const std::string& id) {
+        logger_->debug("queue task " + id + " didn't run because all HTTP requests paused.");
+        logger_->info("queue is quitting early because all HTTP requests are paused.");
         keepRunning_ = false;
         logger_->debug("queue out of tasks to run.");
         queryRunner_->reset();
@@ -166,10 +212,14 @@ private:
     const std::shared_ptr<QueueRequestManager> requestManager_;
     const std::shared_ptr<Logger> logger_;
     const std::shared_ptr<QueueQueryRunner> queryRunner_;
+    const std::shared_ptr<ThreadUtil> threadUtil_;
 
+    // The run's state. Steps touch it one at a time, on whichever thread carries the run; the
+    // handover below orders each step after the one before.
     std::optional<QueueTaskMetadata> lastRanTask_;
     std::optional<QueueTaskMetadata> lastFailedTask_;
     bool keepRunning_ = true;
+    std::atomic<Handover> handover_{Handover::handedOver};
 };
 
 TernQueueRunRequest::TernQueueRunRequest(std::shared_ptr<QueueRunner> runner,
@@ -185,8 +235,9 @@ TernQueueRunRequest::TernQueueRunRequest(std::shared_ptr<QueueRunner> runner,
 void TernQueueRunRequest::start(Completion onComplete) {
     const bool alreadyRunning = requestManager_->startRequest(std::move(onComplete));
     if (alreadyRunning) return;  // the callback waits for the run under way
-    auto run = std::make_shared<Run>(runner_, storage_, requestManager_, logger_, queryRunner_);
-    threadUtil_->runBackground([run] { run->runTasks(); });
+    auto run = std::make_shared<Run>(runner_, storage_, requestManager_, logger_, queryRunner_,
+                                     threadUtil_);
+    threadUtil_->runBackground([run] { run->runTasks(Run::Carrier::backgroundThread); });
 }
 
 std::string TernQueueRunRequest::shortTaskId(const std::string& storageId) {

@@ -195,8 +195,7 @@ TEST_F(QueueRunsTest, StartsDuringARunJoinItAndAreCalledInOrderWhenItEnds) {
     });
     release.set_value();
     ASSERT_TRUE(ready(last.get_future()));
-    EXPECT_EQ(threads->backgroundJobs, 1);
-    EXPECT_EQ(server.receivedDeliveryIds(), (Ids{"first", "second"}));
+    EXPECT_EQ(server.receivedDeliveryIds(), (Ids{"first", "second"}));  // one run
     EXPECT_EQ(called, (std::vector<int>{1, 2}));
 }
 
@@ -238,6 +237,32 @@ TEST_F(QueueRunsTest, OtherTasksAreOfferedToTheModulesAndAPauseEndsTheRun) {
     EXPECT_EQ(totalRunsOf(ids[1]), 1);
     EXPECT_EQ(totalRunsOf(ids[2]), 0);
     ASSERT_TRUE(runQueue());  // the manager is idle again: the next run starts anew
+}
+
+// A run goes on in the thread that reports a task's outcome, but never on the main thread: a
+// module that answers there (as a timer would) finds the next task offered elsewhere.
+TEST_F(QueueRunsTest, OutcomesReportedOnTheMainThreadDoNotBringTheRunThere) {
+    struct MainThreadAnswerer final : QueueRunnerHook, ModuleHookProvider,
+                                      std::enable_shared_from_this<MainThreadAnswerer> {
+        bool runTask(const QueueTask&, Completion onComplete) override {
+            // Offers come one at a time, each after the answer to the one before.
+            offeredOnMainThread.push_back(vontu::platform::Env::current().isMainThread());
+            TernThreadUtil().runMain([onComplete] { onComplete(Outcome{}); });
+            return true;
+        }
+        std::shared_ptr<ProfileIdentifyHook> profileIdentifyHook() override { return nullptr; }
+        std::shared_ptr<QueueRunnerHook> queueRunnerHook() override { return shared_from_this(); }
+        std::shared_ptr<ScreenTrackingHook> screenTrackingHook() override { return nullptr; }
+        std::vector<bool> offeredOnMainThread;
+    };
+    auto answerer = std::make_shared<MainThreadAnswerer>();
+    graph().hooksManager()->add(HookModule::tracking, answerer);
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(graph().queue()->addTask("syncInbox", AnyEncodable(std::string())).success);
+    }
+    ASSERT_TRUE(runQueue());
+    EXPECT_EQ(answerer->offeredOnMainThread, (std::vector<bool>{false, false, false}));
+    EXPECT_TRUE(inventoryIds().empty());
 }
 
 TEST_F(QueueRunsTest, MissingTaskFileEndsTheRunAndLeavesTheManagerRunning) {
