@@ -1,6 +1,7 @@
 #include "Common/queue/FileManagerQueueStorage.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <map>
 #include <cmath>
 #include <mutex>
@@ -52,10 +53,15 @@ std::string setDescription(const std::vector<QueueTaskMetadata>& entries) {
 
 // What the process last read or wrote of one queue's inventory.
 struct FileManagerQueueStorage::KnownInventory {
-    // The entries, shared with the inventories handed out; changed in place only while no
-    // inventory handed out holds them.
-    std::shared_ptr<std::vector<QueueTaskMetadata>> entries =
-        std::make_shared<std::vector<QueueTaskMetadata>>();
+    // The entries, which inventories handed out read without a lock: changed in place only
+    // while none holds them, else replaced by a copy.
+    struct SharedEntries {
+        std::vector<QueueTaskMetadata> list;
+        // Inventories handed out that still hold the list. Released with release order, read
+        // with acquire order, so that a writer who finds none is ordered after their reads.
+        std::atomic<int> readers{0};
+    };
+    std::shared_ptr<SharedEntries> entries = std::make_shared<SharedEntries>();
     // Each entry as the JSON adapter writes it; empty unless every entry could be encoded.
     std::vector<std::string> encodedEntries;
     // The file that holds exactly these entries and the directory's change count at the time;
@@ -67,7 +73,7 @@ struct FileManagerQueueStorage::KnownInventory {
     // another writer (fractions of seconds, say), or given to saveInventory.
     bool readBackAsTheyAre = true;
 
-    bool isEncoded() const { return encodedEntries.size() == entries->size(); }
+    bool isEncoded() const { return encodedEntries.size() == entries->list.size(); }
     void forget() { file.reset(); }
 };
 
@@ -141,9 +147,9 @@ void FileManagerQueueStorage::readInventory() {
     if (!read) return;
     auto entries = jsonAdapter_->fromJson<std::vector<QueueTaskMetadata>>(read->contents, true);
     if (!entries) return;
-    *known.entries = std::move(*entries);
+    known.entries->list = std::move(*entries);
 
-    for (const auto& entry : *known.entries) {
+    for (const auto& entry : known.entries->list) {
         auto encoded = encodeEntry(entry);
         if (!encoded) {
             known.encodedEntries.clear();
@@ -164,8 +170,12 @@ void FileManagerQueueStorage::readInventory() {
 
 std::vector<QueueTaskMetadata>& FileManagerQueueStorage::entriesToChange() {
     auto& entries = known_->entries;
-    if (entries.use_count() > 1) entries = std::make_shared<std::vector<QueueTaskMetadata>>(*entries);
-    return *entries;
+    if (entries->readers.load(std::memory_order_acquire) > 0) {
+        auto copy = std::make_shared<KnownInventory::SharedEntries>();
+        copy->list = entries->list;
+        entries = std::move(copy);
+    }
+    return entries->list;
 }
 
 bool FileManagerQueueStorage::writeInventory() {
@@ -174,7 +184,7 @@ bool FileManagerQueueStorage::writeInventory() {
     if (known.isEncoded()) {
         bytes = joinedArray(known.encodedEntries);
     } else {
-        bytes = jsonAdapter_->toJson(*known.entries);
+        bytes = jsonAdapter_->toJson(known.entries->list);
     }
     auto written = bytes ? fileStorage_->rewrite(FileType::queueInventory, *bytes, std::nullopt)
                          : nullptr;
@@ -202,14 +212,21 @@ std::optional<std::string> FileManagerQueueStorage::encodeEntry(
 
 QueueInventory FileManagerQueueStorage::getInventory() {
     OperationLock hold(*this);
-    return QueueInventory(currentInventory().entries);
+    // The inventory handed out holds the list, and counts as its reader, until its last copy
+    // is gone.
+    auto entries = currentInventory().entries;
+    entries->readers.fetch_add(1, std::memory_order_relaxed);
+    return QueueInventory(std::shared_ptr<const std::vector<QueueTaskMetadata>>(
+        &entries->list, [entries](const std::vector<QueueTaskMetadata>*) {
+            entries->readers.fetch_sub(1, std::memory_order_release);
+        }));
 }
 
 bool FileManagerQueueStorage::saveInventory(const std::vector<QueueTaskMetadata>& inventory) {
     OperationLock hold(*this);
     KnownInventory& known = *known_;
     known = KnownInventory{};
-    *known.entries = inventory;
+    known.entries->list = inventory;
     known.readBackAsTheyAre = false;
     return writeInventory();
 }
@@ -220,7 +237,7 @@ CreateQueueStorageTaskResult FileManagerQueueStorage::create(
     OperationLock hold(*this);
 
     KnownInventory& known = currentInventory();
-    const auto countBefore = static_cast<std::int64_t>(known.entries->size());
+    const auto countBefore = static_cast<std::int64_t>(known.entries->list.size());
 
     // The task file comes first: an entry in the inventory must always find its file. If a
     // later step fails, the file stays behind unlisted, which nobody reads.
@@ -242,12 +259,12 @@ CreateQueueStorageTaskResult FileManagerQueueStorage::create(
     const bool encodedBefore = known.isEncoded();
     entriesToChange().push_back(std::move(*stored));
     if (encodedBefore) known.encodedEntries.push_back(std::move(*encoded));
-    const auto countAfter = static_cast<std::int64_t>(known.entries->size());
+    const auto countAfter = static_cast<std::int64_t>(known.entries->list.size());
     if (!writeInventory()) return failedCreate(countBefore);
 
-    const auto& after = currentInventory().entries;
-    auto created = std::ranges::find(*after, task.storageId, &QueueTaskMetadata::taskPersistedId);
-    if (created == after->end()) {
+    const auto& after = currentInventory().entries->list;
+    auto created = std::ranges::find(after, task.storageId, &QueueTaskMetadata::taskPersistedId);
+    if (created == after.end()) {
         logger_->error("expected to find task " + metadata.description() +
                        " to be in the inventory but it wasn't");
         return failedCreate(countBefore);
