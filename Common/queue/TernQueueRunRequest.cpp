@@ -36,12 +36,9 @@ public:
           requestManager_(std::move(requestManager)), logger_(std::move(logger)),
           queryRunner_(std::move(queryRunner)), threadUtil_(std::move(threadUtil)) {}
 
-    // Where a step of the run is carried out.
-    enum class Carrier { backgroundThread, reportingThread };
-
     // Runs tasks until one is handed out whose outcome comes later (its reporter then goes
     // on), or the run ends.
-    void runTasks(Carrier carrier) {
+    void runTasks() {
         while (keepRunning_) {
             std::optional<QueueTaskMetadata> next;
             std::size_t tasksLeft = 0;
@@ -54,7 +51,7 @@ public:
                 tasksLeft = inventory.size();
             }
             if (!next) {
-                finish(carrier);
+                finish();
                 return;
             }
             const auto task = storage_->get(next->taskPersistedId);
@@ -102,10 +99,9 @@ private:
     void goOn() {
         if (!keepRunning_) return;
         if (vontu::platform::Env::current().isMainThread()) {
-            threadUtil_->runBackground(
-                [self = shared_from_this()] { self->runTasks(Carrier::backgroundThread); });
+            threadUtil_->runBackground([self = shared_from_this()] { self->runTasks(); });
         } else {
-            runTasks(Carrier::reportingThread);
+            runTasks();
         }
     }
 
@@ -169,25 +165,17 @@ private:
         storage_->update(task.storageId, updated);
     }
 
-    // The run ran out of tasks. Everybody waiting is told on a background thread, even when
-    // the last outcome came on another: callers may block there, or wait on the very thread
-    // that reported it.
-    void finish(Carrier carrier) {
-        keepRunning_ = false;
-        logger_->debug("queue out of tasks to run.");
-        queryRunner_->reset();
-        if (carrier == Carrier::backgroundThread) {
-            requestManager_->requestComplete();
-        } else {
-            threadUtil_->runBackground([manager = requestManager_] { manager->requestComplete(); });
-        }
-    }
-
-    // Nothing will get through until the pause is over. The run ends in the thread that
-    // reported the pause, which also tells everybody waiting.
+    // Nothing will get through until the pause is over, so the run stops here. The task is
+    // left as it is: it did not run, so there is nothing to count.
     void stopBecausePaused(const std::string& id) {
         logger_->debug("queue task " + id + " didn't run because all HTTP requests paused.");
         logger_->info("queue is quitting early because all HTTP requests are paused.");
+        finish();
+    }
+
+    // Ends the run. Everybody waiting is told on the thread that carries the run: the
+    // background thread it started on, or the thread that reported the last outcome.
+    void finish() {
         keepRunning_ = false;
         logger_->debug("queue out of tasks to run.");
         queryRunner_->reset();
@@ -237,7 +225,7 @@ void TernQueueRunRequest::start(Completion onComplete) {
     if (alreadyRunning) return;  // the callback waits for the run under way
     auto run = std::make_shared<Run>(runner_, storage_, requestManager_, logger_, queryRunner_,
                                      threadUtil_);
-    threadUtil_->runBackground([run] { run->runTasks(Run::Carrier::backgroundThread); });
+    threadUtil_->runBackground([run] { run->runTasks(); });
 }
 
 std::string TernQueueRunRequest::shortTaskId(const std::string& storageId) {

@@ -195,7 +195,8 @@ TEST_F(QueueRunsTest, StartsDuringARunJoinItAndAreCalledInOrderWhenItEnds) {
     });
     release.set_value();
     ASSERT_TRUE(ready(last.get_future()));
-    EXPECT_EQ(server.receivedDeliveryIds(), (Ids{"first", "second"}));  // one run
+    EXPECT_EQ(threads->backgroundJobs, 1);
+    EXPECT_EQ(server.receivedDeliveryIds(), (Ids{"first", "second"}));
     EXPECT_EQ(called, (std::vector<int>{1, 2}));
 }
 
