@@ -62,15 +62,16 @@ struct FileManagerQueueStorage::KnownInventory {
         std::atomic<int> readers{0};
     };
     std::shared_ptr<SharedEntries> entries = std::make_shared<SharedEntries>();
-    // Each entry as the JSON adapter writes it; empty unless every entry could be encoded.
+    // Each entry as the JSON adapter writes it: all of them, or none yet (they are encoded
+    // when first written, so that a read costs no more than decoding).
     std::vector<std::string> encodedEntries;
     // The file that holds exactly these entries and the directory's change count at the time;
-    // absent while the entries are not known to be current (a file of another writer whose
-    // bytes are not this library's own encoding, an unreadable or missing file).
+    // absent while the entries are not known to be current (an unreadable or missing file, a
+    // failed write, entries that the file will not give back as they are).
     std::shared_ptr<const vontu::platform::FilePin> file;
     std::uint64_t changeCount = 0;
-    // False when the entries may differ from what their encodings read back as: entries of
-    // another writer (fractions of seconds, say), or given to saveInventory.
+    // False when writing the entries stores something else: dates are written as whole
+    // seconds, and another writer's file, or a list given to saveInventory, may have more.
     bool readBackAsTheyAre = true;
 
     bool isEncoded() const { return encodedEntries.size() == entries->list.size(); }
@@ -91,6 +92,12 @@ std::shared_ptr<FileManagerQueueStorage::KnownInventory> FileManagerQueueStorage
 
 namespace {
 
+bool hasWholeSecondDate(const QueueTaskMetadata& entry) {
+    const double seconds = entry.createdAt.secondsSince1970;
+    return std::trunc(seconds) == seconds;
+}
+
+// The JSON array of the encoded entries, as the JSON adapter writes a list.
 Bytes joinedArray(const std::vector<std::string>& encodedEntries) {
     std::size_t length = 2;
     for (const auto& entry : encodedEntries) length += entry.size() + 1;
@@ -148,24 +155,26 @@ void FileManagerQueueStorage::readInventory() {
     auto entries = jsonAdapter_->fromJson<std::vector<QueueTaskMetadata>>(read->contents, true);
     if (!entries) return;
     known.entries->list = std::move(*entries);
+    known.readBackAsTheyAre = std::ranges::all_of(known.entries->list, hasWholeSecondDate);
+    if (const auto changeCount = directoryLock_.inventoryChanges()) {
+        known.file = std::move(read->pin);
+        known.changeCount = *changeCount;
+    }
+}
 
+bool FileManagerQueueStorage::encodeEntries() {
+    KnownInventory& known = *known_;
+    if (known.isEncoded()) return true;
+    known.encodedEntries.clear();
     for (const auto& entry : known.entries->list) {
         auto encoded = encodeEntry(entry);
         if (!encoded) {
             known.encodedEntries.clear();
-            return;
+            return false;
         }
         known.encodedEntries.push_back(std::move(*encoded));
     }
-    // Only a file in this library's own encoding holds exactly what writing these entries
-    // gives (another writer's may have fractions of seconds, or other spacing); any other is
-    // read again until this library has written it.
-    known.readBackAsTheyAre = joinedArray(known.encodedEntries) == read->contents;
-    const auto changeCount = directoryLock_.inventoryChanges();
-    if (known.readBackAsTheyAre && changeCount) {
-        known.file = std::move(read->pin);
-        known.changeCount = *changeCount;
-    }
+    return true;
 }
 
 std::vector<QueueTaskMetadata>& FileManagerQueueStorage::entriesToChange() {
@@ -180,21 +189,17 @@ std::vector<QueueTaskMetadata>& FileManagerQueueStorage::entriesToChange() {
 
 bool FileManagerQueueStorage::writeInventory() {
     KnownInventory& known = *known_;
-    std::optional<Bytes> bytes;
-    if (known.isEncoded()) {
-        bytes = joinedArray(known.encodedEntries);
-    } else {
-        bytes = jsonAdapter_->toJson(known.entries->list);
-    }
-    auto written = bytes ? fileStorage_->rewrite(FileType::queueInventory, *bytes, std::nullopt)
-                         : nullptr;
+    auto written = encodeEntries() ? fileStorage_->rewrite(FileType::queueInventory,
+                                                           joinedArray(known.encodedEntries),
+                                                           std::nullopt)
+                                   : nullptr;
     if (!written) {
         known.forget();
         return false;
     }
     const auto changeCount = directoryLock_.noteInventoryChange();
-    // Entries that may read back other than they are now: the next read decodes the file.
-    if (known.isEncoded() && known.readBackAsTheyAre && changeCount) {
+    // Entries that read back other than they are now: the next read decodes the file.
+    if (known.readBackAsTheyAre && changeCount) {
         known.file = std::move(written);
         known.changeCount = *changeCount;
     } else {

@@ -69,6 +69,8 @@ private:
     void readInventory();
     // The entries of known_, to change: shared with no inventory handed out.
     std::vector<QueueTaskMetadata>& entriesToChange();
+    // Fills known_'s encodings, unless all are there. False when an entry cannot be encoded.
+    bool encodeEntries();
     // Writes known_ to the inventory file. On failure what is remembered is dropped (the file
     // keeps its old contents, which the next read finds).
     bool writeInventory();
