@@ -1,7 +1,7 @@
 // The queue storage's create, get and delete on inventories of 10, 100 and 1,000 tasks, against
 // a baseline that moves the same bytes with plain file calls (open, write, rename, read) and
 // no JSON, no locks and no storage layers. The baseline comes in two forms: without fsync, and
-// with an fsync before each rename as the platform's file writes do.
+// with an fsync before each rename.
 //
 // Every benchmark puts the queue back to its size after each timed operation (untimed), so the
 // inventory size stays what the argument says. Complexity() fits the growth with the size.
