@@ -147,6 +147,14 @@ private:
         lastRanTask_ = entry;
     }
 
+    // Nothing will get through until the pause is over, so the run stops here. The task is
+    // left as it is: it did not run, so there is nothing to count.
+    void stopBecausePaused(const std::string& id) {
+        logger_->debug("queue task " + id + " didn't run because all HTTP requests paused.");
+        logger_->info("queue is quitting early because all HTTP requests are paused.");
+        finish();
+    }
+
     // The service will answer the same request the same way every time.
     void deleteRejectedTask(const QueueTask& task, const HttpRequestError& error) {
         logger_->error("Received HTTP 400 response while trying to " + task.type +
@@ -163,14 +171,6 @@ private:
         logger_->debug("queue task " + id + " updating run history\nfrom: " +
                        previous.description() + " to: " + updated.description());
         storage_->update(task.storageId, updated);
-    }
-
-    // Nothing will get through until the pause is over, so the run stops here. The task is
-    // left as it is: it did not run, so there is nothing to count.
-    void stopBecausePaused(const std::string& id) {
-        logger_->debug("queue task " + id + " didn't run because all HTTP requests paused.");
-        logger_->info("queue is quitting early because all HTTP requests are paused.");
-        finish();
     }
 
     // Ends the run. Everybody waiting is told on the thread that carries the run: the
