@@ -178,6 +178,8 @@ TEST_F(QueueRunsTest, DeliveryMetricIsStoredAndSentAsTheTrackingServiceExpects) 
 }
 
 TEST_F(QueueRunsTest, StartsDuringARunJoinItAndAreCalledInOrderWhenItEnds) {
+    ASSERT_TRUE(runQueue());  // an empty queue: the run ends at once
+    EXPECT_EQ(logged(Level::debug, "queue out of tasks to run."), 1);
     addDelivery("first");
     addDelivery("second");
     std::promise<void> arrived, release, last;
@@ -189,15 +191,16 @@ TEST_F(QueueRunsTest, StartsDuringARunJoinItAndAreCalledInOrderWhenItEnds) {
     std::vector<int> called;  // by the run's thread, one after the other
     graph().queue()->run([&] { called.push_back(1); });
     ASSERT_TRUE(ready(arrived.get_future()));
+    graph().queueRunRequest()->start([&] { called.push_back(2); });
     graph().queueRunRequest()->start([&] {
-        called.push_back(2);
+        called.push_back(3);
         last.set_value();
     });
     release.set_value();
     ASSERT_TRUE(ready(last.get_future()));
-    EXPECT_EQ(threads->backgroundJobs, 1);
+    EXPECT_EQ(threads->backgroundJobs, 2);  // one for each run
     EXPECT_EQ(server.receivedDeliveryIds(), (Ids{"first", "second"}));
-    EXPECT_EQ(called, (std::vector<int>{1, 2}));
+    EXPECT_EQ(called, (std::vector<int>{1, 2, 3}));
 }
 
 // Tasks run in inventory order. A failed task (404: not retried) is counted and the search goes
