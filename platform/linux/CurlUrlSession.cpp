@@ -462,6 +462,13 @@ private:
     };
 
     void wake() {
+        // Orders given by the session thread itself, from inside a completion, are taken up
+        // as soon as the completion returns: waking the thread would only cost it a round of
+        // system calls.
+        if (std::this_thread::get_id() == threadId_.load()) {
+            ordersFromWithin_ = true;
+            return;
+        }
         if (multi_ != nullptr) {
             curl_multi_wakeup(multi_);
         } else {
@@ -482,6 +489,7 @@ private:
     }
 
     void run() {
+        threadId_.store(std::this_thread::get_id());
         for (;;) {
             Orders orders = takeOrders();
             for (const auto& transfer : orders.arrivals) admit(transfer, orders.cancelRunning);
@@ -498,6 +506,7 @@ private:
     }
 
     void waitForWork() {
+        if (std::exchange(ordersFromWithin_, false)) return;
         const int timeoutMs = msUntilNextIdleDeadline();
         if (multi_ != nullptr) {
             curl_multi_poll(multi_, nullptr, 0, timeoutMs, nullptr);
@@ -755,7 +764,10 @@ private:
     bool threadStarted_ = false;
     std::thread thread_;
 
+    std::atomic<std::thread::id> threadId_{};
+
     // The session thread's own.
+    bool ordersFromWithin_ = false;
     std::unordered_map<CURL*, std::shared_ptr<Transfer>> running_;
     std::vector<CURL*> idleHandles_;
 };
