@@ -164,8 +164,7 @@ void FileManagerQueueStorage::readInventory() {
 
 bool FileManagerQueueStorage::encodeEntries() {
     KnownInventory& known = *known_;
-    if (known.isEncoded()) return true;
-    known.encodedEntries.clear();
+    if (known.isEncoded()) return true;  // else there are none yet
     for (const auto& entry : known.entries->list) {
         auto encoded = encodeEntry(entry);
         if (!encoded) {
