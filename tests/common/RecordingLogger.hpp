@@ -17,7 +17,6 @@ public:
     struct Line {
         Level level;
         std::string message;
-        bool operator==(const Line&) const = default;
     };
 
     void debug(const std::string& message) override { record(Level::debug, message); }

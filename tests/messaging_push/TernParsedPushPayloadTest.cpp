@@ -35,7 +35,6 @@ TEST(TernParsedPushPayload, RecognisesOnlyAWellFormedTernPart) {
         {"no TERN: a simple push", ternUserInfo(), false, {}, {}},
         {"user info not an object", json::array({"TERN"}), false, {}, {}},
         {"TERN a string", {{"TERN", "{\"push\":{}}"}}, false, {}, {}},
-        {"TERN null", {{"TERN", null}}, false, {}, {}},
         {"TERN without push", {{"TERN", {{"link", "app://a"}}}}, false, {}, {}},
         {"push a string", {{"TERN", {{"push", "app://a"}}}}, false, {}, {}},
         {"link a number", richUserInfo({{"link", 42}}), false, {}, {}},

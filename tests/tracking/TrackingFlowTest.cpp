@@ -120,18 +120,6 @@ TEST_F(TrackingFlowTest, EventsWaitUntilTheIdentifyOfTheirProfileSucceeded) {
                 ElementsAre("PUT /api/v1/customers/B", "POST /api/v1/customers/B/events"));
 }
 
-TEST_F(TrackingFlowTest, ATokenDeletionWaitsForItsRegistration) {
-    tern().identify("A");
-    tern().registerDeviceToken("tok");
-    ASSERT_TRUE(site.waitForQueuedRegistrations(1));
-    tern().deleteDeviceToken();
-    EXPECT_THAT(runQueue("/api/v1/customers/A/devices"),
-                ElementsAre("PUT /api/v1/customers/A", "PUT /api/v1/customers/A/devices"));
-    EXPECT_THAT(runQueue(), ElementsAre("PUT /api/v1/customers/A/devices",
-                                        "DELETE /api/v1/customers/A/devices/tok"));
-    EXPECT_EQ(tern().diGraph()->globalDataStore()->pushDeviceToken(), "tok");  // for later ones
-}
-
 TEST_F(TrackingFlowTest, UnencodableInputChangesNothingAndOddValuesGoThrough) {
     tern().identify("\xff\xfe");  // not UTF-8: no task, no hook, no profile
     tern().identify("A");

@@ -1,6 +1,5 @@
 #include "Common/DIGraph.hpp"
 
-#include <future>
 #include <memory>
 #include <set>
 #include <thread>
@@ -27,7 +26,7 @@ protected:
     DIGraph graph{"site1", "key1", SdkConfig{}};
 };
 
-TEST_F(DIGraphTest, SharedServicesAreKeptEvenAcrossThreadsAndOthersBuiltAnew) {
+TEST_F(DIGraphTest, SharedServicesAreKeptEvenAcrossThreads) {
     std::vector<std::shared_ptr<LockManager>> managers(8);
     std::vector<std::shared_ptr<SingleScheduleTimer>> timers(8);
     std::vector<std::thread> threads;
@@ -41,15 +40,6 @@ TEST_F(DIGraphTest, SharedServicesAreKeptEvenAcrossThreadsAndOthersBuiltAnew) {
     EXPECT_EQ(std::set(managers.begin(), managers.end()).size(), 1u);
     EXPECT_EQ(std::set(timers.begin(), timers.end()).size(), 1u);
     EXPECT_EQ(graph.hooksManager(), graph.hooksManager());
-
-    EXPECT_NE(graph.jsonAdapter(), graph.jsonAdapter());
-    EXPECT_NE(graph.logger(), graph.logger());
-    EXPECT_NE(graph.keyValueStorage(), graph.keyValueStorage());
-    EXPECT_NE(graph.fileStorage(), graph.fileStorage());
-    EXPECT_NE(graph.deviceInfo(), graph.deviceInfo());
-    EXPECT_NE(graph.globalDataStore(), graph.globalDataStore());
-    EXPECT_NE(graph.profileStore(), graph.profileStore());
-    EXPECT_TRUE(isConsoleLogger(graph.logger()));
 }
 
 TEST_F(DIGraphTest, LoggerOverrideReachesServicesBuiltAfterwards) {
@@ -59,11 +49,10 @@ TEST_F(DIGraphTest, LoggerOverrideReachesServicesBuiltAfterwards) {
     EXPECT_EQ(graph.fileStorage()->get(FileType::queueTask, "missing"), std::nullopt);
     EXPECT_EQ(recording->messages(RecordingLogger::Level::error).size(), 1u);
 
-    // The shared timer is built now, with the override; its lines say so.
+    // The shared timer is built now, with the override; its lines say so. Its cancel goes
+    // through the main thread.
     graph.singleScheduleTimer()->cancel();
-    std::promise<void> cancelled;
-    testEnv.env().runOnMain([&] { cancelled.set_value(); });
-    cancelled.get_future().wait();
+    testEnv.onMainAndWait([] {});
     const auto lines = recording->messages(RecordingLogger::Level::debug);
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(lines[0].ends_with(") timer is being cancelled")) << lines[0];
@@ -80,7 +69,6 @@ TEST_F(DIGraphTest, OverridesReplaceSharedAndFreshServicesUntilReset) {
     };
     auto profile = std::make_shared<FixedProfile>();
     graph.override<ProfileStore>(profile);
-    EXPECT_EQ(graph.profileStore(), profile);
     EXPECT_EQ(graph.profileStore(), profile);
     // An override stored as another type is ignored, and the service built as usual.
     graph.override(std::any(std::make_shared<int>(7)), DIGraph::typeKey<Logger>());

@@ -36,8 +36,6 @@ public:
 
 TEST(HooksManagerTest, ListsHoldThePresentHooksOfOneProviderPerModule) {
     TernHooksManager manager;
-    EXPECT_TRUE(manager.queueRunnerHooks().empty());
-
     auto replaced = std::make_shared<SettableProvider>();
     auto tracking = std::make_shared<SettableProvider>();
     tracking->profileIdentify = nullptr;

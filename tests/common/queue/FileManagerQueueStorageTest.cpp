@@ -40,13 +40,14 @@ struct FixedClock final : DateUtil {
 
 std::shared_ptr<FileManagerQueueStorage> makeQueueStorage(std::shared_ptr<Logger> logger,
                                                           std::shared_ptr<DateUtil> clock,
-                                                          double expiredSeconds = 100.0) {
+                                                          double expiredSeconds = 100.0,
+                                                          std::shared_ptr<FileStorage> files = nullptr) {
     SdkConfig config;
     config.backgroundQueueExpiredSeconds = expiredSeconds;
-    return std::make_shared<FileManagerQueueStorage>(
-        std::make_shared<FileManagerFileStorage>(siteId, logger),
-        std::make_shared<JsonAdapter>(logger), siteId, config, logger, std::move(clock),
-        std::make_shared<LockManager>());
+    if (!files) files = std::make_shared<FileManagerFileStorage>(siteId, logger);
+    return std::make_shared<FileManagerQueueStorage>(std::move(files), std::make_shared<JsonAdapter>(logger),
+                                                     siteId, config, logger, std::move(clock),
+                                                     std::make_shared<LockManager>());
 }
 
 fs::path queueFile(const std::string& name) {
@@ -64,11 +65,15 @@ void writeText(const fs::path& path, const std::string& text) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
-// Runs body in a child process, killed after 60 s at the latest.
-pid_t forkChild(const std::function<int()>& body) {
+// Runs body in a child process, with a platform of its own over the state root at home; the
+// child is killed after 60 s at the latest.
+pid_t forkChild(const fs::path& home, const std::function<int()>& body) {
     const pid_t pid = ::fork();
     if (pid == 0) {
         ::alarm(60);
+        vontu::platform::linux_host::LinuxEnv env(
+            {.home = home, .network = {}, .openUrl = {}, .continueUserActivity = {}});
+        vontu::platform::Env::setCurrent(&env);
         ::_exit(body());
     }
     return pid;
@@ -205,10 +210,7 @@ TEST_F(FileManagerQueueStorageTest, ExpiredTasksAreDeletedButGroupOpenersStay) {
 TEST_F(FileManagerQueueStorageTest, ProcessesWritingAtOnceLoseNoEntryEvenWhenOneIsKilled) {
     int progress[2];
     ASSERT_EQ(::pipe2(progress, O_CLOEXEC), 0);
-    const pid_t killed = forkChild([&] {
-        vontu::platform::linux_host::LinuxEnv env(
-            {.home = testEnv.home(), .network = {}, .openUrl = {}, .continueUserActivity = {}});
-        vontu::platform::Env::setCurrent(&env);
+    const pid_t killed = forkChild(testEnv.home(), [&] {
         auto child = makeQueueStorage(std::make_shared<RecordingLogger>(), clock);
         while (child->create("killed", toBytes("{}"), {}, {}).success &&
                ::write(progress[1], "x", 1) == 1) {
@@ -270,17 +272,11 @@ private:
 // What this process remembers of the inventory goes stale when another process changes it;
 // the change count of the directory lock tells it so even where the file's stamp cannot.
 TEST_F(FileManagerQueueStorageTest, ChangesOfAnotherProcessAreSeenWhereTheStampCannotTell) {
-    SdkConfig config;
-    auto blind = std::make_shared<FileManagerQueueStorage>(
-        std::make_shared<StampBlindFileStorage>(logger), std::make_shared<JsonAdapter>(logger),
-        siteId, config, logger, clock, std::make_shared<LockManager>());
+    auto blind = makeQueueStorage(logger, clock, 100.0, std::make_shared<StampBlindFileStorage>(logger));
     const auto kept = *create().createdTask;
     const auto gone = *create().createdTask;
     ASSERT_EQ(blind->getInventory(), (std::vector{kept, gone}));
-    const pid_t child = forkChild([&] {
-        vontu::platform::linux_host::LinuxEnv env(
-            {.home = testEnv.home(), .network = {}, .openUrl = {}, .continueUserActivity = {}});
-        vontu::platform::Env::setCurrent(&env);
+    const pid_t child = forkChild(testEnv.home(), [&] {
         auto other = makeQueueStorage(std::make_shared<RecordingLogger>(), clock);
         const bool changed = other->deleteTask(gone.taskPersistedId) &&
                              other->create("trackEvent", toBytes("{}"), {}, {}).success;

@@ -91,19 +91,15 @@ protected:
     TempDir dir_;
 };
 
-TEST_F(SqliteDefaultsSuiteTest, KeepsNaNReplacesAndRemovesKeysAndRefusesValuesWithoutStoredForm) {
+// (Replacing and removing keys are checked through vontu-defaults and the extension's tests.)
+TEST_F(SqliteDefaultsSuiteTest, KeepsNaNAndRefusesValuesWithoutStoredFormKeepingTheOldValue) {
     auto suite = open();
     ASSERT_TRUE(suite && suite->setObject(std::nan(""), "double") && suite->setObject(Date{std::nan("")}, "date"));
     const auto number = suite->objectForKey("double"), date = suite->objectForKey("date");
     ASSERT_TRUE(number && number->is<double>() && date && date->is<Date>());
     EXPECT_TRUE(std::isnan(*number->as<double>()) && std::isnan(date->as<Date>()->secondsSince1970));
-    ASSERT_TRUE(suite->removeObject("double") && suite->removeObject("date"));
-    EXPECT_TRUE(suite->removeObject("k"));  // removing what is not there succeeds
-    ASSERT_TRUE(suite->setObject(1, "k") && suite->setObject("one", "k") && suite->setObject(2, "other"));
-    EXPECT_EQ(suite->objectForKey("k"), PlistValue("one"));
-    EXPECT_TRUE(suite->removeObject("k"));
-    EXPECT_EQ(suite->dictionaryRepresentation(), (PlistDictionary{{"other", 2}}));
 
+    ASSERT_TRUE(suite->setObject(2, "other"));
     PlistValue deep = 1;
     for (int i = 0; i < 1000; ++i) deep = PlistValue(PlistArray{std::move(deep)});
     for (const auto& value : {deep, PlistValue(std::string("\xff\xfe")), PlistValue(PlistDictionary{{"\xc3", 1}})}) {
