@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "platform/Env.hpp"
+#include "platform/UrlSession.hpp"
 
 namespace vontu::hosts {
 
@@ -15,7 +16,8 @@ namespace vontu::hosts {
 // addition goes on in the background) before it runs the queue or exits.
 //
 // Counted: blocks sent to the main thread or the background pool, and notification-settings
-// queries until their completion has returned. Work that those blocks start is counted before
+// queries and URL session tasks until their completion has returned (a queue run goes on from
+// each request's completion, in the session's thread). Work that those start is counted before
 // they end, so the count reaches zero only when everything in flight is done. One-shot timers
 // are not counted: a timer that is still pending when the host exits is simply dropped.
 class SettlingEnv final : public platform::EnvWrapper {
@@ -40,6 +42,13 @@ public:
             });
     }
 
+    std::shared_ptr<platform::UrlSession> newUrlSession(
+        const platform::UrlSessionConfiguration& config) override {
+        auto session = target().newUrlSession(config);
+        if (!session) return session;
+        return std::make_shared<CountingUrlSession>(std::move(session), pending_);
+    }
+
     // Returns once no counted work is in flight.
     void waitUntilSettled() { pending_->waitForNone(); }
 
@@ -62,6 +71,38 @@ private:
             std::unique_lock guard(mutex);
             none.wait(guard, [this] { return count == 0; });
         }
+    };
+
+    // Counts each task of the session it wraps until the task's completion has returned.
+    class CountingUrlSession final : public platform::UrlSession {
+    public:
+        CountingUrlSession(std::shared_ptr<platform::UrlSession> target,
+                           std::shared_ptr<Pending> pending)
+            : target_(std::move(target)), pending_(std::move(pending)) {}
+
+        std::shared_ptr<platform::UrlSessionTask> dataTask(
+            platform::UrlRequest request, platform::DataTaskCompletion completion) override {
+            return target_->dataTask(std::move(request), counted(std::move(completion)));
+        }
+        std::shared_ptr<platform::UrlSessionTask> downloadTask(
+            platform::UrlRequest request, platform::DownloadTaskCompletion completion) override {
+            return target_->downloadTask(std::move(request), counted(std::move(completion)));
+        }
+        void finishTasksAndInvalidate() override { target_->finishTasksAndInvalidate(); }
+        void invalidateAndCancel() override { target_->invalidateAndCancel(); }
+
+    private:
+        template <typename Completion>
+        Completion counted(Completion completion) {
+            pending_->begin();
+            return [pending = pending_, completion = std::move(completion)](auto... outcome) {
+                completion(std::move(outcome)...);
+                pending->end();
+            };
+        }
+
+        std::shared_ptr<platform::UrlSession> target_;
+        std::shared_ptr<Pending> pending_;
     };
 
     std::function<void()> counted(std::function<void()> block) {

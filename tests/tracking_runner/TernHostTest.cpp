@@ -204,6 +204,18 @@ TEST_F(TernHostTest, ATaskQueuedByOneRunIsSentByALaterRun) {
     EXPECT_EQ(queueStatus()["numTasksInQueue"], 0);
 }
 
+// An addition that reaches the queue's minimum starts a run at once; the program ends only
+// after that run has sent and removed the task, though its requests go on in session threads.
+TEST_F(TernHostTest, ARunThatAnAdditionStartsEndsBeforeTheProgramDoes) {
+    auto runAtOnce = config();
+    runAtOnce["backgroundQueueMinNumberOfTasks"] = 1;
+    auto result = runWith({"--site-id", kSiteId, "--api-key", kApiKey, "--config",
+                           runAtOnce.dump(), "identify", "erin"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(server.requestLines(), std::vector<std::string>{"PUT /api/v1/customers/erin"});
+    EXPECT_EQ(queueStatus()["numTasksInQueue"], 0);
+}
+
 TEST_F(TernHostTest, SiteAndKeyComeFromTheOptionsElseTheEnvironmentElseTheBuild) {
     const std::string configText = config().dump();
     auto authorizationOf = [&](std::vector<std::string> arguments,
