@@ -327,13 +327,8 @@ bool LinuxEnv::fileExists(const fs::path& path) {
 }
 
 std::optional<fs::path> LinuxEnv::directoryUnderHome(const fs::path& relative) {
-    std::lock_guard lock(madeDirectoriesMutex_);
-    if (auto made = madeDirectories_.find(relative); made != madeDirectories_.end()) {
-        return made->second;
-    }
     fs::path directory = home_ / relative;
     if (!makeDirectories(directory)) return std::nullopt;
-    madeDirectories_.emplace(relative, directory);
     return directory;
 }
 

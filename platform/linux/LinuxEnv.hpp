@@ -95,9 +95,7 @@ public:
     std::unique_ptr<ImageCanvas> newImageCanvas(int width, int height) override;
 
 private:
-    // home/relative, made if missing the first time it is asked for. Later calls trust that it
-    // is still there (queue and download files are written through createDirectories, which
-    // makes it again): the library asks for the same directories on every file operation.
+    // home/relative, made if missing.
     std::optional<std::filesystem::path> directoryUnderHome(const std::filesystem::path& relative);
 
     struct Loop;
@@ -110,8 +108,6 @@ private:
     std::map<std::string, std::shared_ptr<DefaultsSuite>> openSuites_;
     std::mutex sharedSessionMutex_;
     std::shared_ptr<UrlSession> sharedSession_;
-    std::mutex madeDirectoriesMutex_;
-    std::map<std::filesystem::path, std::filesystem::path> madeDirectories_;
 };
 
 }  // namespace vontu::platform::linux_host
