@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <atomic>
-#include <map>
 #include <cmath>
 #include <mutex>
 #include <unordered_set>
 #include <utility>
 
 #include "Common/queue/LocalDateFormat.hpp"
+#include "Common/queue/PerDirectoryRecord.hpp"
 #include "platform/Crypto.hpp"
 
 namespace tern {
@@ -78,18 +78,6 @@ struct FileManagerQueueStorage::KnownInventory {
     void forget() { file.reset(); }
 };
 
-std::shared_ptr<FileManagerQueueStorage::KnownInventory> FileManagerQueueStorage::knownInventoryOf(
-    const std::filesystem::path& lockFile) {
-    // One record per queue directory (keyed by its lock file) for the whole process. Never
-    // destroyed, so threads still running at exit find it in place.
-    static auto* mutex = new std::mutex;
-    static auto* known = new std::map<std::filesystem::path, std::shared_ptr<KnownInventory>>;
-    std::lock_guard guard(*mutex);
-    auto& record = (*known)[lockFile];
-    if (!record) record = std::make_shared<KnownInventory>();
-    return record;
-}
-
 namespace {
 
 bool hasWholeSecondDate(const QueueTaskMetadata& entry) {
@@ -129,7 +117,7 @@ FileManagerQueueStorage::FileManagerQueueStorage(std::shared_ptr<FileStorage> fi
       lock_(lockManager->getLock(LockReference::queueStorage)),
       directoryLock_(siteId_, logger_) {
     if (const auto lockFile = directoryLock_.lockFilePath()) {
-        known_ = knownInventoryOf(*lockFile);
+        known_ = perDirectoryRecord<KnownInventory>(*lockFile);
     } else {
         // Without a directory lock nothing is shared, and nothing counts changes: this object
         // reads the file every time.
@@ -143,11 +131,11 @@ FileManagerQueueStorage::KnownInventory& FileManagerQueueStorage::currentInvento
     const bool current = known.file && changeCount && *changeCount == known.changeCount &&
                          fileStorage_->isUnchanged(FileType::queueInventory, std::nullopt,
                                                    *known.file);
-    if (!current) readInventory();
+    if (!current) readInventory(changeCount);
     return known;
 }
 
-void FileManagerQueueStorage::readInventory() {
+void FileManagerQueueStorage::readInventory(std::optional<std::uint64_t> changeCount) {
     KnownInventory& known = *known_;
     known = KnownInventory{};
     auto read = fileStorage_->getPinned(FileType::queueInventory, std::nullopt);
@@ -156,7 +144,7 @@ void FileManagerQueueStorage::readInventory() {
     if (!entries) return;
     known.entries->list = std::move(*entries);
     known.readBackAsTheyAre = std::ranges::all_of(known.entries->list, hasWholeSecondDate);
-    if (const auto changeCount = directoryLock_.inventoryChanges()) {
+    if (changeCount) {
         known.file = std::move(read->pin);
         known.changeCount = *changeCount;
     }

@@ -59,14 +59,13 @@ private:
     class OperationLock;
     // What the process knows of one queue's inventory.
     struct KnownInventory;
-    // The one record of the queue directory whose lock file is lockFile.
-    static std::shared_ptr<KnownInventory> knownInventoryOf(const std::filesystem::path& lockFile);
 
     // The inventory as the file holds it now: what is remembered, if still current, else what
     // the file gives. Call under the operation lock.
     KnownInventory& currentInventory();
-    // Reads and decodes the inventory file into known_.
-    void readInventory();
+    // Reads and decodes the inventory file into known_; changeCount is the directory's count,
+    // read before the file (absent when there is none to trust).
+    void readInventory(std::optional<std::uint64_t> changeCount);
     // The entries of known_, to change: shared with no inventory handed out.
     std::vector<QueueTaskMetadata>& entriesToChange();
     // Fills known_'s encodings, unless all are there. False when an entry cannot be encoded.

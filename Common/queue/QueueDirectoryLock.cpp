@@ -7,11 +7,11 @@
 
 #include <atomic>
 #include <cerrno>
-#include <map>
 #include <mutex>
 #include <system_error>
 #include <utility>
 
+#include "Common/queue/PerDirectoryRecord.hpp"
 #include "Common/storage/StorageNames.hpp"
 #include "platform/Env.hpp"
 
@@ -130,7 +130,8 @@ bool QueueDirectoryLock::LockFile::ensureOpen(Logger* logger) {
 
 bool QueueDirectoryLock::LockFile::stillAtPath() const {
     // A file removed, or replaced by a rename, has no name left; asking the open file spares
-    // a walk of the path on every operation.
+    // a walk of the path on every operation. Not noticed: the lock file (or a directory above
+    // it) moved to another name, which nothing in the library does.
     struct stat opened {};
     return ::fstat(fd, &opened) == 0 && opened.st_nlink > 0;
 }
@@ -154,19 +155,6 @@ void QueueDirectoryLock::LockFile::reportOnce(Logger* logger, const std::string&
     }
 }
 
-std::shared_ptr<QueueDirectoryLock::LockFile> QueueDirectoryLock::sharedLockFile(
-    const fs::path& path) {
-    // Lock files stay open for the life of the process: there is one per site's queue, and a
-    // storage object is built anew for many single operations. Never destroyed, so threads
-    // still running at exit find them in place.
-    static auto* mutex = new std::mutex;
-    static auto* files = new std::map<fs::path, std::shared_ptr<LockFile>>;
-    std::lock_guard guard(*mutex);
-    auto& file = (*files)[path];
-    if (!file) file = std::make_shared<LockFile>(path);
-    return file;
-}
-
 QueueDirectoryLock::QueueDirectoryLock(const std::string& siteId, std::shared_ptr<Logger> logger)
     : logger_(std::move(logger)) {
     auto support = vontu::platform::Env::current().applicationSupportDirectory();
@@ -179,7 +167,9 @@ QueueDirectoryLock::QueueDirectoryLock(const std::string& siteId, std::shared_pt
         }
         return;
     }
-    file_ = sharedLockFile(*support / libraryDirectoryName / siteId / "queue" / lockFileName);
+    // Lock files stay open for the life of the process: one per site's queue.
+    file_ = perDirectoryRecord<LockFile>(*support / libraryDirectoryName / siteId / "queue" /
+                                         lockFileName);
 }
 
 QueueDirectoryLock::~QueueDirectoryLock() = default;

@@ -50,8 +50,6 @@ public:
 
 private:
     struct LockFile;
-    // The one LockFile of path in this process.
-    static std::shared_ptr<LockFile> sharedLockFile(const std::filesystem::path& path);
 
     std::shared_ptr<LockFile> file_;
     std::shared_ptr<Logger> logger_;
