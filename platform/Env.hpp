@@ -110,6 +110,9 @@ public:
     // the next scratch. Where the file system cannot swap names it does as writeFile does.
     // Callers keep two rewrites of one path from overlapping (the scratch file is shared).
     // Returns a pin of the file now at path, holding exactly contents.
+    // Neither this nor writeFile syncs to the device: both hold against readers and a process
+    // that dies, not against a power cut, after which the file may be torn (ext4 flushes a
+    // file renamed over another before the rename, which helps writeFile, but not a swap).
     virtual std::expected<std::shared_ptr<const FilePin>, FileError> rewriteFile(
         const std::filesystem::path& path, const Bytes& contents) = 0;
     virtual std::expected<void, FileError> removeItem(const std::filesystem::path& path) = 0;
