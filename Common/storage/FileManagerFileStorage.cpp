@@ -58,18 +58,6 @@ bool FileManagerFileStorage::reportFailure(const vontu::platform::FileError& err
     return false;
 }
 
-template <class Read>
-auto FileManagerFileStorage::readLogged(const std::optional<fs::path>& path, Read read) const
-    -> std::optional<typename std::invoke_result_t<Read, Env&, const fs::path&>::value_type> {
-    if (!path) return std::nullopt;
-    auto contents = read(Env::current(), *path);
-    if (!contents) {
-        reportFailure(contents.error());
-        return std::nullopt;
-    }
-    return std::move(*contents);
-}
-
 bool FileManagerFileStorage::save(FileType type, const Bytes& contents,
                                   const std::optional<std::string>& fileId) {
     auto url = fileUrl(type, fileId);
@@ -80,8 +68,9 @@ bool FileManagerFileStorage::save(FileType type, const Bytes& contents,
 
 std::optional<Bytes> FileManagerFileStorage::get(FileType type,
                                                  const std::optional<std::string>& fileId) {
-    return readLogged(filePath(type, fileId),
-                      [](Env& env, const fs::path& path) { return env.readFile(path); });
+    auto path = filePath(type, fileId);
+    if (!path) return std::nullopt;
+    return logged(Env::current().readFile(*path));
 }
 
 bool FileManagerFileStorage::deleteFile(FileType type, const std::string& fileId) {
@@ -93,8 +82,9 @@ bool FileManagerFileStorage::deleteFile(FileType type, const std::string& fileId
 
 std::optional<vontu::platform::PinnedContents> FileManagerFileStorage::getPinned(
     FileType type, const std::optional<std::string>& fileId) {
-    return readLogged(filePath(type, fileId),
-                      [](Env& env, const fs::path& path) { return env.readFileAndPin(path); });
+    auto path = filePath(type, fileId);
+    if (!path) return std::nullopt;
+    return logged(Env::current().readFileAndPin(*path));
 }
 
 bool FileManagerFileStorage::isUnchanged(FileType type, const std::optional<std::string>& fileId,

@@ -1,10 +1,11 @@
 #pragma once
 
+#include <expected>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
-#include <type_traits>
+#include <utility>
 
 #include "Common/storage/FileStorage.hpp"
 #include "Common/util/Logger.hpp"
@@ -45,12 +46,14 @@ private:
                                                   const std::optional<std::string>& fileId) const;
     // Logs a failed operation's description; false.
     bool reportFailure(const vontu::platform::FileError& error) const;
-    // What read (a reading call of the platform) gives for path; absent when there is no
-    // path, or the read fails, which is logged.
-    template <class Read>
-    auto readLogged(const std::optional<std::filesystem::path>& path, Read read) const
-        -> std::optional<typename std::invoke_result_t<
-            Read, vontu::platform::Env&, const std::filesystem::path&>::value_type>;
+    // What a read of the platform gave; absent when it failed, which is logged.
+    template <class Contents>
+    std::optional<Contents> logged(
+        std::expected<Contents, vontu::platform::FileError> read) const {
+        if (read) return std::move(*read);
+        reportFailure(read.error());
+        return std::nullopt;
+    }
 
     std::string siteId_;
     std::shared_ptr<Logger> logger_;
