@@ -1,11 +1,11 @@
 #include "Common/queue/TernQueueRunRequest.hpp"
 
 #include <atomic>
+#include <future>
 #include <optional>
 #include <utility>
 
 #include "Common/util/Utf8.hpp"
-#include "platform/Env.hpp"
 
 namespace tern {
 
@@ -21,23 +21,17 @@ std::string dataText(const vontu::platform::Bytes& data) {
 
 }  // namespace
 
-// A run is a chain of steps rather than a thread parked for its length: the first step runs on
-// a background thread, and after each task the run goes on in the thread that reported the
-// task's outcome, once that outcome has been dealt with. Tasks still run strictly one after
-// the other, and no thread is woken only to start the next task, which on a machine with few
-// cores costs as much as the request itself. Steps never run on the main thread: an outcome
-// reported there (a retried request's timer) sends the run back to a background thread.
+// One run: a loop on a background thread that hands out one task at a time and waits until the
+// task's outcome has been dealt with before it looks for the next.
 class TernQueueRunRequest::Run : public std::enable_shared_from_this<Run> {
 public:
     Run(std::shared_ptr<QueueRunner> runner, std::shared_ptr<QueueStorage> storage,
         std::shared_ptr<QueueRequestManager> requestManager, std::shared_ptr<Logger> logger,
-        std::shared_ptr<QueueQueryRunner> queryRunner, std::shared_ptr<ThreadUtil> threadUtil)
+        std::shared_ptr<QueueQueryRunner> queryRunner)
         : runner_(std::move(runner)), storage_(std::move(storage)),
           requestManager_(std::move(requestManager)), logger_(std::move(logger)),
-          queryRunner_(std::move(queryRunner)), threadUtil_(std::move(threadUtil)) {}
+          queryRunner_(std::move(queryRunner)) {}
 
-    // Runs tasks until one is handed out whose outcome comes later (its reporter then goes
-    // on), or the run ends.
     void runTasks() {
         while (keepRunning_) {
             std::optional<QueueTaskMetadata> next;
@@ -63,46 +57,29 @@ public:
             logger_->debug("queue next task to run: " + shortTaskId(task->storageId) + ",\n" +
                            task->type + ", " + dataText(task->data) + ", " +
                            task->runResults.description());
-            if (!handOut(*task, *next)) return;
+            runAndWait(*task, *next);
         }
-        // The run was stopped by a pause, and requestComplete has been called already.
     }
 
 private:
-    // Where a task's outcome stands while runTask has not yet returned.
-    enum class Handover { running, answeredWhileHandingOut, handedOver };
-
-    // Hands the task to the runner. True when its outcome came and was dealt with before
-    // runTask returned: this thread then goes on. Otherwise the thread that reports the
-    // outcome goes on, and this one must touch the run no more.
-    bool handOut(const QueueTask& task, const QueueTaskMetadata& entry) {
-        handover_.store(Handover::running);
+    // Hands the task to the runner and blocks until its outcome has been dealt with. The
+    // outcome is dealt with on the thread that reports it, while this thread waits, so the
+    // two never touch the run's state at the same time.
+    void runAndWait(const QueueTask& task, const QueueTaskMetadata& entry) {
+        auto handled = std::make_shared<std::promise<void>>();
         auto answered = std::make_shared<std::atomic<bool>>(false);
-        runner_->runTask(task, [self = shared_from_this(), task, entry,
+        auto done = handled->get_future();
+        runner_->runTask(task, [self = shared_from_this(), task, entry, handled,
                                 answered](TaskResult result) {
             // A runner that answers twice must not handle a task twice, nor reach a run that
             // has moved on.
             if (answered->exchange(true)) return;
             self->handleResult(task, entry, result);
-            auto expected = Handover::running;
-            if (self->handover_.compare_exchange_strong(expected,
-                                                        Handover::answeredWhileHandingOut)) {
-                return;  // runTask has not returned yet: its caller goes on
-            }
-            self->goOn();
+            handled->set_value();
         });
-        auto expected = Handover::running;
-        return !handover_.compare_exchange_strong(expected, Handover::handedOver);
-    }
-
-    // Goes on with the run in the thread that reported an outcome.
-    void goOn() {
-        if (!keepRunning_) return;
-        if (vontu::platform::Env::current().isMainThread()) {
-            threadUtil_->runBackground([self = shared_from_this()] { self->runTasks(); });
-        } else {
-            runTasks();
-        }
+        // No time limit: every request ends, by the HTTP client's own time-outs at worst. Only a
+        // runner that never answers (see TernQueueRunner) leaves the run waiting for good.
+        done.wait();
     }
 
     void handleResult(const QueueTask& task, const QueueTaskMetadata& entry,
@@ -173,8 +150,8 @@ private:
         storage_->update(task.storageId, updated);
     }
 
-    // Ends the run. Everybody waiting is told on the thread that carries the run: the
-    // background thread it started on, or the thread that reported the last outcome.
+    // Ends the run. Everybody waiting is told on the calling thread: the loop's, or that of the
+    // outcome that stopped the run.
     void finish() {
         keepRunning_ = false;
         logger_->debug("queue out of tasks to run.");
@@ -200,14 +177,11 @@ private:
     const std::shared_ptr<QueueRequestManager> requestManager_;
     const std::shared_ptr<Logger> logger_;
     const std::shared_ptr<QueueQueryRunner> queryRunner_;
-    const std::shared_ptr<ThreadUtil> threadUtil_;
 
-    // The run's state. Steps touch it one at a time, on whichever thread carries the run; the
-    // handover below orders each step after the one before.
+    // The run's state: the loop's, and an outcome's while the loop waits for it.
     std::optional<QueueTaskMetadata> lastRanTask_;
     std::optional<QueueTaskMetadata> lastFailedTask_;
     bool keepRunning_ = true;
-    std::atomic<Handover> handover_{Handover::handedOver};
 };
 
 TernQueueRunRequest::TernQueueRunRequest(std::shared_ptr<QueueRunner> runner,
@@ -223,8 +197,7 @@ TernQueueRunRequest::TernQueueRunRequest(std::shared_ptr<QueueRunner> runner,
 void TernQueueRunRequest::start(Completion onComplete) {
     const bool alreadyRunning = requestManager_->startRequest(std::move(onComplete));
     if (alreadyRunning) return;  // the callback waits for the run under way
-    auto run = std::make_shared<Run>(runner_, storage_, requestManager_, logger_, queryRunner_,
-                                     threadUtil_);
+    auto run = std::make_shared<Run>(runner_, storage_, requestManager_, logger_, queryRunner_);
     threadUtil_->runBackground([run] { run->runTasks(); });
 }
 

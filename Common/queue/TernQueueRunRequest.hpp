@@ -19,10 +19,9 @@ namespace tern {
 // A run ends when no task is left to try; the request manager then calls everybody's
 // callbacks.
 //
-// start() returns at once; the run starts on a background thread and, after each task, goes on
-// in the thread that reported the task's outcome, so tasks never overlap and no thread waits
-// idle for a request. The run holds its collaborators itself: it goes on even if this object
-// is dropped.
+// start() returns at once; the run goes on a background thread, which it blocks while each
+// task's request is under way, so tasks never overlap. The run holds its collaborators itself:
+// it goes on even if this object is dropped.
 class TernQueueRunRequest final : public QueueRunRequest {
 public:
     TernQueueRunRequest(std::shared_ptr<QueueRunner> runner, std::shared_ptr<QueueStorage> storage,

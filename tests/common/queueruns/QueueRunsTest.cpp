@@ -69,10 +69,17 @@ private:
     }};
 };
 
+// Set while a block sent to the background by the library runs.
+thread_local bool inBackgroundJob = false;
+
 struct CountingThreadUtil final : ThreadUtil {
     void runBackground(std::function<void()> block) override {
         ++backgroundJobs;
-        TernThreadUtil().runBackground(std::move(block));
+        TernThreadUtil().runBackground([block = std::move(block)] {
+            inBackgroundJob = true;
+            block();
+            inBackgroundJob = false;
+        });
     }
     void runMain(std::function<void()> b) override { TernThreadUtil().runMain(std::move(b)); }
     std::atomic<int> backgroundJobs{0};
@@ -92,7 +99,8 @@ struct Taker final : QueueRunnerHook, ModuleHookProvider, std::enable_shared_fro
     const Outcome answer;
 };
 
-bool ready(std::future<void> future) {
+template <typename T>
+bool ready(const std::future<T>& future) {
     return future.wait_for(generousDeadline) == std::future_status::ready;
 }
 
@@ -119,10 +127,13 @@ protected:
         return graph().queue()->addTask(TrackDeliveryEventRequestBody::queueTaskType,
                                         AnyEncodable(body), groupStart, blocking);
     }
+    // Runs the queue and waits for its end; true when the run's callback came, which must be
+    // on the run's background thread (not the HTTP session's, nor the main one).
     bool runQueue() {
-        auto done = std::make_shared<std::promise<void>>();
-        graph().queue()->run([done] { done->set_value(); });
-        return ready(done->get_future());
+        auto done = std::make_shared<std::promise<bool>>();
+        graph().queue()->run([done] { done->set_value(inBackgroundJob); });
+        auto answer = done->get_future();
+        return ready(answer) && answer.get();
     }
     long logged(Level level, const std::string& start) const {
         auto lines = logger->messages(level);
@@ -243,8 +254,8 @@ TEST_F(QueueRunsTest, OtherTasksAreOfferedToTheModulesAndAPauseEndsTheRun) {
     ASSERT_TRUE(runQueue());  // the manager is idle again: the next run starts anew
 }
 
-// A run goes on in the thread that reports a task's outcome, but never on the main thread: a
-// module that answers there (as a timer would) finds the next task offered elsewhere.
+// The loop offers every task from its background thread, also when a module answers on the
+// main thread (as a timer would), and the run goes on after each answer.
 TEST_F(QueueRunsTest, OutcomesReportedOnTheMainThreadDoNotBringTheRunThere) {
     struct MainThreadAnswerer final : QueueRunnerHook, ModuleHookProvider,
                                       std::enable_shared_from_this<MainThreadAnswerer> {
