@@ -120,8 +120,16 @@ struct Transfer {
     void releaseResources() {
         curl_slist_free_all(headerList);
         headerList = nullptr;
-        if (file != nullptr) std::fclose(file);
-        file = nullptr;
+        closeFile();
+    }
+
+    // Closes the download file. Its last bytes may still be in the file's buffer, so a close
+    // that fails is a failed write: false, with the write marked as failed.
+    bool closeFile() {
+        if (file == nullptr || std::fclose(std::exchange(file, nullptr)) == 0) return true;
+        writeFailed = true;
+        writeErrno = errno;
+        return false;
     }
 
     void noteActivity() { lastActivity = Clock::now(); }
@@ -584,11 +592,10 @@ private:
         setMethodAndBody(easy, transfer.request);
         setTimeouts(transfer, config_);
 
+        // Counted on the bytes of the body delivered. Not CURLOPT_MAXFILESIZE: curl applies it
+        // to the announced length of every response, also a redirect's or a HEAD's, whose body
+        // nobody reads.
         transfer.maxBytes = config_.maxResponseBytes;
-        // Refuses a body whose announced Content-Length is too large before reading any of it.
-        constexpr auto largestOffset = static_cast<std::size_t>(std::numeric_limits<curl_off_t>::max());
-        curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE,
-                         static_cast<curl_off_t>(std::min(transfer.maxBytes, largestOffset)));
         curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, onHeaderLine);
         curl_easy_setopt(easy, CURLOPT_HEADERDATA, &transfer);
         curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, onBodyBytes);
@@ -628,7 +635,7 @@ private:
             const std::shared_ptr<Transfer> transfer = detach(easy);
             if (!transfer) continue;
             collectResponse(*transfer);
-            if (result == CURLE_OK) {
+            if (result == CURLE_OK && transfer->closeFile()) {
                 complete(*transfer, std::nullopt);
             } else {
                 complete(*transfer, errorForCurlResult(*transfer, result));

@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
 #include <chrono>
 #include <filesystem>
@@ -91,6 +93,10 @@ protected:
         });
         routes.Get("/loop", [](Req, Res response) { response.set_redirect("/loop"); });
         routes.Get("/redirect", [](Req, Res response) { response.set_redirect("/echo"); });
+        routes.Get("/big-redirect", [](Req, Res response) {  // its body is never read
+            response.set_content(std::string(5000, 'r'), "application/octet-stream");
+            response.set_redirect("/sized/5");
+        });
     }};
 };
 
@@ -117,6 +123,7 @@ TEST_F(CurlUrlSessionTest, FailuresMapToErrorCodes) {
         {"file:///etc/passwd", Code::badUrl},
         {server.url("/sized/1000"), std::nullopt},
         {server.url("/sized/1001"), Code::responseTooLarge},
+        {server.url("/big-redirect"), std::nullopt},
         {server.url("/stall-body"), Code::responseTooLarge},
     };
     UrlSessionConfiguration config;
@@ -231,6 +238,38 @@ TEST_F(CurlUrlSessionTest, DownloadsGoToPrivateFilesThatLastOnlyThroughTheComple
     download("/sized/5", [](const auto&) {});
     session.reset();  // the thread has ended: every completion has returned and been cleaned up after
     EXPECT_TRUE(fs::is_empty(downloads));
+}
+
+// The last bytes of a download reach its file when the file is closed: a close that fails (here
+// past the file-size limit, lowered for the length of the test) fails the download, and no file
+// is handed over.
+TEST_F(CurlUrlSessionTest, ADownloadWhoseLastBytesCannotBeWrittenFails) {
+    struct FileSizeLimit {
+        explicit FileSizeLimit(rlim_t bytes) {
+            ::getrlimit(RLIMIT_FSIZE, &before);
+            const rlimit lowered{bytes, before.rlim_max};
+            ::setrlimit(RLIMIT_FSIZE, &lowered);
+            signalBefore = ::signal(SIGXFSZ, SIG_IGN);  // a write past it fails instead of killing
+        }
+        ~FileSizeLimit() {
+            ::setrlimit(RLIMIT_FSIZE, &before);
+            ::signal(SIGXFSZ, signalBefore);
+        }
+        rlimit before{};
+        sighandler_t signalBefore{};
+    };
+    auto session = makeSession();
+    OutcomeRecorder recorder;
+    {
+        const FileSizeLimit limit(8192);
+        session->downloadTask(requestFor(server.url("/sized/9000")), [record = recorder.completion()](auto location, auto response, auto error) {
+            record({{}, std::move(location), std::move(response), std::move(error)});
+        });
+        const auto outcome = recorder.await();
+        ASSERT_TRUE(outcome);
+        EXPECT_EQ(outcome->code(), Code::cannotWriteFile);
+        EXPECT_FALSE(outcome->location);
+    }
 }
 
 TEST(CurlUrlSessionTlsTest, RefusesCertificatesThatTheExtraCaDoesNotVouchFor) {
