@@ -8,7 +8,8 @@
 // Two more benchmarks split the drain's time between its parts: the storage steps that a run
 // takes for each task (read the inventory, read the task, delete it) without any request, and
 // the same 1,000 requests through the library's HTTP client without the queue, each started
-// from the completion of the one before, as a run starts its next task.
+// from the completion of the one before (so without the thread switches of a run, whose loop
+// waits on its own thread for each answer).
 //
 // Reported per benchmark: tasks_per_second; after the run, the ratio of the drain's time to
 // libcurl's and the split (medians of the iterations), and the process's peak resident set
