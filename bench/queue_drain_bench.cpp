@@ -11,23 +11,36 @@
 // from the completion of the one before (so without the thread switches of a run, whose loop
 // waits on its own thread for each answer).
 //
+// A last one measures the least that any run could do per task here, as a floor for the
+// drain's ratio: the same requests through libcurl on a thread of their own while the sending
+// thread waits for each answer (a run's loop waits on its thread; a URL session answers on
+// another), with each task's file read, the inventory replaced without its entry (the fastest
+// whole-file replacement this file system has, a scratch file exchanged in one rename) and the
+// task file removed. No JSON, no locks, no logging; the inventory is only checked with a stat,
+// its bytes kept in memory.
+//
 // Reported per benchmark: tasks_per_second; after the run, the ratio of the drain's time to
-// libcurl's and the split (medians of the iterations), and the process's peak resident set
-// size.
+// libcurl's, the split and the floor's ratio to libcurl (medians of the iterations), and the
+// process's peak resident set size.
 
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
+#include <fcntl.h>
 #include <httplib.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -87,6 +100,7 @@ struct Bench {
     std::vector<double> curlSeconds;
     std::vector<double> storageSeconds;
     std::vector<double> clientSeconds;
+    std::vector<double> floorSeconds;
 };
 Bench* bench = nullptr;
 
@@ -149,48 +163,63 @@ void BM_QueueDrain(benchmark::State& state) {
         benchmark::Counter(taskCount, benchmark::Counter::kIsIterationInvariantRate);
 }
 
-void BM_PlainCurl(benchmark::State& state) {
-    const std::string url = bench->server.origin() + "/api/v1/tern_deliveries/events";
-    const std::string authorization =
-        "Authorization: Basic " +
-        std::string("ZHJhaW5iZW5jaDpiZW5jaGtleQ==");  // base64("drainbench:benchkey")
-    const std::string userAgent =
-        "User-Agent: " + bench->graph->userAgentUtil()->getUserAgentHeaderValue();
-    curl_slist* headers = nullptr;
-    headers = curl_slist_append(headers, "Content-Type: application/json; charset=utf-8");
-    headers = curl_slist_append(headers, authorization.c_str());
-    headers = curl_slist_append(headers, userAgent.c_str());
-    CURL* curl = curl_easy_init();
-    std::string response;
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION,
-                     +[](char* data, size_t size, size_t count, void* target) -> size_t {
-                         static_cast<std::string*>(target)->append(data, size * count);
-                         return size * count;
-                     });
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &response);
-    // The library's sessions accept every encoding curl can decode; so the same request asks
-    // for them here, and the server does the same work for both.
-    curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");
+// One reused libcurl handle that sends the delivery metric requests as the library does.
+class PlainCurlSender {
+public:
+    PlainCurlSender() {
+        const std::string authorization =
+            "Authorization: Basic " +
+            std::string("ZHJhaW5iZW5jaDpiZW5jaGtleQ==");  // base64("drainbench:benchkey")
+        const std::string userAgent =
+            "User-Agent: " + bench->graph->userAgentUtil()->getUserAgentHeaderValue();
+        headers_ = curl_slist_append(headers_, "Content-Type: application/json; charset=utf-8");
+        headers_ = curl_slist_append(headers_, authorization.c_str());
+        headers_ = curl_slist_append(headers_, userAgent.c_str());
+        curl_easy_setopt(curl_, CURLOPT_URL, url_.c_str());
+        curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, headers_);
+        curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION,
+                         +[](char* data, size_t size, size_t count, void* target) -> size_t {
+                             static_cast<std::string*>(target)->append(data, size * count);
+                             return size * count;
+                         });
+        curl_easy_setopt(curl_, CURLOPT_WRITEDATA, &response_);
+        // The library's sessions accept every encoding curl can decode; so the same request
+        // asks for them here, and the server does the same work for both.
+        curl_easy_setopt(curl_, CURLOPT_ACCEPT_ENCODING, "");
+    }
+    ~PlainCurlSender() {
+        curl_easy_cleanup(curl_);
+        curl_slist_free_all(headers_);
+    }
+    PlainCurlSender(const PlainCurlSender&) = delete;
+    PlainCurlSender& operator=(const PlainCurlSender&) = delete;
 
+    void send(const Bytes& body) {
+        response_.clear();
+        curl_easy_setopt(curl_, CURLOPT_POSTFIELDS, body.data());
+        curl_easy_setopt(curl_, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+        long status = 0;
+        if (curl_easy_perform(curl_) != CURLE_OK) std::abort();
+        curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &status);
+        if (status != 200) std::abort();
+    }
+
+private:
+    const std::string url_ = bench->server.origin() + "/api/v1/tern_deliveries/events";
+    curl_slist* headers_ = nullptr;
+    CURL* curl_ = curl_easy_init();
+    std::string response_;
+};
+
+void BM_PlainCurl(benchmark::State& state) {
+    PlainCurlSender sender;
     for (auto _ : state) {
         const auto start = std::chrono::steady_clock::now();
-        for (const auto& task : bench->tasks) {
-            response.clear();
-            curl_easy_setopt(curl, CURLOPT_POSTFIELDS, task.data.data());
-            curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(task.data.size()));
-            long status = 0;
-            if (curl_easy_perform(curl) != CURLE_OK) std::abort();
-            curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
-            if (status != 200) std::abort();
-        }
+        for (const auto& task : bench->tasks) sender.send(task.data);
         bench->curlSeconds.push_back(secondsSince(start));
     }
     state.counters["tasks_per_second"] =
         benchmark::Counter(taskCount, benchmark::Counter::kIsIterationInvariantRate);
-    curl_easy_cleanup(curl);
-    curl_slist_free_all(headers);
 }
 
 void BM_StorageStepsOnly(benchmark::State& state) {
@@ -238,10 +267,120 @@ void BM_HttpClientOnly(benchmark::State& state) {
         benchmark::Counter(taskCount, benchmark::Counter::kIsIterationInvariantRate);
 }
 
+// Sends on a thread of its own; the caller waits for each answer, as a run's loop does.
+class SenderThread {
+public:
+    SenderThread() : thread_([this] { serve(); }) {}
+    ~SenderThread() {
+        {
+            std::lock_guard hold(mutex_);
+            stopping_ = true;
+        }
+        changed_.notify_all();
+        thread_.join();
+    }
+    SenderThread(const SenderThread&) = delete;
+    SenderThread& operator=(const SenderThread&) = delete;
+
+    void send(const Bytes& body) {
+        std::unique_lock hold(mutex_);
+        body_ = &body;
+        changed_.notify_all();
+        changed_.wait(hold, [this] { return body_ == nullptr; });
+    }
+
+private:
+    void serve() {
+        PlainCurlSender sender;
+        std::unique_lock hold(mutex_);
+        while (true) {
+            changed_.wait(hold, [this] { return stopping_ || body_ != nullptr; });
+            if (stopping_) return;
+            sender.send(*body_);
+            body_ = nullptr;
+            changed_.notify_all();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    const Bytes* body_ = nullptr;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
+fs::path floorDirectory;
+
+void writeWhole(const fs::path& path, std::string_view bytes) {
+    const int fd = ::open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600);
+    if (fd < 0 || ::write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+        std::abort();
+    }
+    ::close(fd);
+}
+
+std::string encoded(const auto& value) {
+    auto bytes = bench->graph->jsonAdapter()->toJson(value);
+    return std::string(bytes->begin(), bytes->end());
+}
+
+void BM_PerTaskFloor(benchmark::State& state) {
+    const fs::path inventoryPath = floorDirectory / "inventory.json";
+    const fs::path scratchPath = floorDirectory / ".inventory.json.scratch";
+    std::vector<std::size_t> entryLengths;
+    for (const auto& entry : bench->inventory) entryLengths.push_back(encoded(entry).size());
+    SenderThread sender;
+    std::vector<char> buffer(1 << 16);
+    for (auto _ : state) {
+        state.PauseTiming();
+        fs::create_directories(floorDirectory / "tasks");
+        std::vector<fs::path> taskPaths;
+        for (const auto& task : bench->tasks) {
+            taskPaths.push_back(floorDirectory / "tasks" / (task.storageId + ".json"));
+            writeWhole(taskPaths.back(), encoded(task));
+        }
+        std::string inventory = encoded(bench->inventory);
+        writeWhole(inventoryPath, inventory);
+        writeWhole(scratchPath, inventory);
+        state.ResumeTiming();
+        const auto start = std::chrono::steady_clock::now();
+        for (std::size_t i = 0; i < bench->tasks.size(); ++i) {
+            struct stat inventoryStat{};
+            if (::stat(inventoryPath.c_str(), &inventoryStat) != 0) std::abort();
+            const int taskFd = ::open(taskPaths[i].c_str(), O_RDONLY);
+            if (taskFd < 0 || ::read(taskFd, buffer.data(), buffer.size()) <= 0) std::abort();
+            ::close(taskFd);
+
+            sender.send(bench->tasks[i].data);
+
+            // "[" + the entries after the first one and its comma + "]"; the last leaves "[]".
+            inventory.erase(1, std::min(entryLengths[i] + 1, inventory.size() - 2));
+            const int scratchFd = ::open(scratchPath.c_str(), O_WRONLY);
+            if (scratchFd < 0 ||
+                ::pwrite(scratchFd, inventory.data(), inventory.size(), 0) !=
+                    static_cast<ssize_t>(inventory.size()) ||
+                ::ftruncate(scratchFd, static_cast<off_t>(inventory.size())) != 0) {
+                std::abort();
+            }
+            ::close(scratchFd);
+            if (::renameat2(AT_FDCWD, scratchPath.c_str(), AT_FDCWD, inventoryPath.c_str(),
+                            RENAME_EXCHANGE) != 0 ||
+                ::unlink(taskPaths[i].c_str()) != 0) {
+                std::abort();
+            }
+        }
+        bench->floorSeconds.push_back(secondsSince(start));
+        if (inventory != "[]") std::abort();
+    }
+    state.counters["tasks_per_second"] =
+        benchmark::Counter(taskCount, benchmark::Counter::kIsIterationInvariantRate);
+}
+
 BENCHMARK(BM_PlainCurl)->Iterations(5)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_QueueDrain)->Iterations(5)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_StorageStepsOnly)->Iterations(5)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_HttpClientOnly)->Iterations(5)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PerTaskFloor)->Iterations(5)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 // The middle value: one slow iteration on a busy machine moves it less than the mean.
 double median(std::vector<double> values) {
@@ -262,6 +401,7 @@ int main(int argc, char** argv) {
     std::string pattern = (fs::temp_directory_path() / "vontu-drain-bench-XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) return 1;
     const fs::path home = pattern;
+    floorDirectory = home / "floor";
     curl_global_init(CURL_GLOBAL_DEFAULT);
     int status = 0;
     {
@@ -289,6 +429,7 @@ int main(int argc, char** argv) {
                 const double curl = median(state.curlSeconds);
                 const double storage = median(state.storageSeconds);
                 const double client = median(state.clientSeconds);
+                const double floor = median(state.floorSeconds);
                 if (queue > 0 && curl > 0) {
                     std::printf("queue drain: %.0f tasks/s, libcurl alone: %.0f requests/s, "
                                 "ratio (queue time / curl time, medians): %.2fx\n",
@@ -300,6 +441,11 @@ int main(int argc, char** argv) {
                                 "(%.0f%%), run loop and runner %.0f ms (%.0f%%)\n",
                                 storage * 1e3, 100 * storage / queue, client * 1e3,
                                 100 * client / queue, rest * 1e3, 100 * rest / queue);
+                }
+                if (floor > 0 && curl > 0) {
+                    std::printf("least a run could do: %.0f tasks/s, ratio %.2fx of libcurl "
+                                "alone\n",
+                                taskCount / floor, floor / curl);
                 }
                 std::printf("peak RSS: %.1f MiB\n", peakRssMegabytes());
             }
