@@ -18,9 +18,11 @@ using nlohmann::json;
 
 class VontuNse : public ::testing::Test {
 protected:
-    testing::ProcessResult nse(std::vector<std::string> args, const std::string& input = {}) {
+    testing::ProcessResult nse(std::vector<std::string> args, const std::string& input = {},
+                               const std::map<std::string, std::string>& environment = {}) {
         args.insert(args.begin(), {"--home", home_.path().string()});
-        return testing::runProcess(testing::builtProgram("hosts/vontu-nse"), args, input);
+        return testing::runProcess(testing::builtProgram("hosts/vontu-nse"), args, input,
+                                   environment);
     }
     testing::ProcessResult defaults(std::vector<std::string> args) {
         args.insert(args.begin(), {"--home", home_.path().string()});
@@ -108,6 +110,17 @@ TEST_F(VontuNse, DeliversNewMailStoresTheMessageAndFromSystem15UsesACachedAvatar
         EXPECT_EQ(before15["content"]["body"], "Hi");
         EXPECT_EQ(before15["content"]["sound"], (json{{"named", "notif.aiff"}}));
     }
+}
+
+// An installation whose network module cannot be loaded goes on as without a network: the push
+// is shown at once, and nothing is stored for the main app.
+TEST_F(VontuNse, WithoutItsNetworkModuleNewMailIsDeliveredAtOnceWithNothingStored) {
+    relayAnswers(R"({"<7@x>": "raw source"})");
+    auto result = output(nse(relayArgs({"--warning", "20"}), newMail(),
+                             {{"VONTU_URLSESSION_MODULE", "/nonexistent/network-module.so"}}));
+    EXPECT_EQ(result["via"], "handler");
+    EXPECT_TRUE(result["content"]["communication"].is_object());
+    EXPECT_EQ(defaults({"read", "group.ios.vontu", "EML_acct_<7@x>"}).out, "");
 }
 
 TEST_F(VontuNse, ReadsARequestFileAndRefusesInputItCannotReadWithExit2) {
