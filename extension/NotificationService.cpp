@@ -240,8 +240,10 @@ void NotificationService::fetchEMLForUid(const std::optional<std::string>& uid,
              // An object without keys gets no answer at all: the push then waits for the
              // system's expiry.
              if (answer.empty()) return;
+             // Moved, not copied: copying a value recurses once per level of nesting, and a
+             // deeply nested answer would overflow this thread's stack.
              auto first = answer.begin();
-             completion(first.key(), first.value());
+             completion(first.key(), std::move(first.value()));
          });
 }
 
