@@ -1,6 +1,7 @@
 #include "platform/Notification.hpp"
 
 #include <array>
+#include <cctype>
 #include <fstream>
 #include <system_error>
 
@@ -25,6 +26,30 @@ std::optional<std::string> imageTypeOf(const std::array<unsigned char, 8>& head,
     return std::nullopt;
 }
 
+std::string extensionOf(const std::string& type) {
+    if (type == "public.png") return ".png";
+    if (type == "public.jpeg") return ".jpg";
+    return ".gif";
+}
+
+// The file moved to a name made of the attachment's identifier, or where it was when that name
+// is taken (a hard link never replaces a file) or the move fails.
+std::filesystem::path takenOver(const std::filesystem::path& file, const std::string& identifier,
+                                const std::string& type) {
+    std::string name = identifier;
+    for (char& c : name) {
+        const bool kept = std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_';
+        if (!kept) c = '_';
+    }
+    const auto target = file.parent_path() / (name + extensionOf(type));
+    std::error_code ec;
+    if (std::filesystem::equivalent(file, target, ec)) return file;
+    std::filesystem::create_hard_link(file, target, ec);
+    if (ec) return file;
+    std::filesystem::remove(file, ec);
+    return target;
+}
+
 }  // namespace
 
 std::expected<NotificationAttachment, std::string> NotificationAttachment::make(
@@ -44,7 +69,7 @@ std::expected<NotificationAttachment, std::string> NotificationAttachment::make(
     auto type = imageTypeOf(head, static_cast<std::size_t>(in.gcount()));
     if (!type) return std::unexpected("attachment file is not a PNG, JPEG or GIF: " + file.string());
     std::error_code absoluteError;
-    auto absolute = std::filesystem::absolute(file, absoluteError);
+    auto absolute = std::filesystem::absolute(takenOver(file, identifier, *type), absoluteError);
     return NotificationAttachment{identifier, "file://" + absolute.string(), *type};
 }
 

@@ -39,7 +39,10 @@ struct NotificationAttachment {
     std::string type;  // "public.png", "public.jpeg" or "com.compuserve.gif"
 
     // Checks that the file exists, is a PNG, JPEG or GIF (by its leading bytes) and is at most
-    // kMaxAttachmentBytes; the error text says which check failed.
+    // kMaxAttachmentBytes; the error text says which check failed. As the system does, a made
+    // attachment takes its file over: the file moves to a name of the attachment's own in the
+    // same directory (the url says where), so its old name is free for later files. When that
+    // name is taken, the file stays where it is.
     static std::expected<NotificationAttachment, std::string> make(
         const std::string& identifier, const std::filesystem::path& file);
     bool operator==(const NotificationAttachment&) const = default;

@@ -136,6 +136,12 @@ TEST_F(VontuNseTernPush, ARichPushIsTrackedAndShownWithItsImage) {
         << metric.body;
     EXPECT_GE(std::stol(timestamp[1]), before);
     EXPECT_LE(std::stol(timestamp[1]), after);
+
+    // A later push whose image has the same file name shows its image too: the first
+    // attachment took its file over, so the downloaded name was free again.
+    auto again = output(nse({}, richPush()));
+    ASSERT_EQ(again["content"]["attachments"].size(), 1u) << again.dump();
+    EXPECT_NE(again["content"]["attachments"][0]["url"], url);
 }
 
 TEST_F(VontuNseTernPush, APushThatIsNotTernsGoesTheMailWayWithoutLoadingTheNetwork) {

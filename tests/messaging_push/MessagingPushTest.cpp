@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "messaging_push/MessagingPush.hpp"
 #include "messaging_push/NotificationOpen.hpp"
 #include "messaging_push_fcm/MessagingPushFCM.hpp"
@@ -93,9 +95,10 @@ TEST(NotificationResponseTest, AnsweringARichPushRemovesTheImagesThisLibraryAtta
     vontu::testing::TempDir files;
     auto answered = response(linkPush("https://vontu.app/sale"), "archive");
     auto attach = [&](const std::string& identifier, const std::string& fileName) {
-        const auto file = writePng(files.path() / fileName);
-        answered.notification.content.attachments.push_back(*vontu::platform::NotificationAttachment::make(identifier, file));
-        return file;
+        auto attachment = vontu::platform::NotificationAttachment::make(
+            identifier, writePng(files.path() / fileName));
+        answered.notification.content.attachments.push_back(*attachment);
+        return std::filesystem::path(attachment->url.substr(std::strlen("file://")));
     };
     const auto ours = attach("tern_sdk_abcdefghij", "ours.png");
     std::filesystem::remove(attach("tern_sdk_klmnopqrst", "gone.png"));

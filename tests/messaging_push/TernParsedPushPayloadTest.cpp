@@ -67,14 +67,16 @@ TEST(TernParsedPushPayload, OnlyReadablePngsAreAttachedEachUnderAFreshIdentifier
     EXPECT_EQ(payload->mutableContent().attachments.size(), 1u);
     EXPECT_TRUE(payload->ternAttachments().empty());
 
-    payload->addImage(image);
-    payload->addImage(image);
+    // Each attachment takes its file over, so each download can use the same name.
+    payload->addImage(writePng(image));
+    payload->addImage(writePng(image));
     const auto all = payload->mutableContent().attachments;
     ASSERT_EQ(all.size(), 3u);
     EXPECT_EQ(all[0].identifier, "brand-logo");
     EXPECT_EQ(payload->ternAttachments(), (std::vector{all[1], all[2]}));
     EXPECT_NE(all[1].identifier, all[2].identifier);
-    EXPECT_EQ(all[1].url, "file://" + image.string());
+    EXPECT_EQ(all[1].url, "file://" + (dir.path() / (all[1].identifier + ".png")).string());
+    EXPECT_FALSE(std::filesystem::exists(image));
     EXPECT_EQ(payload->originalContent().attachments.size(), 1u);
 }
 
@@ -82,13 +84,16 @@ TEST(TernParsedPushPayload, OnlyReadablePngsAreAttachedEachUnderAFreshIdentifier
 // sides see a whole content, with or without the image.
 TEST(TernParsedPushPayload, ImageMayArriveWhileTheContentIsBeingDelivered) {
     vontu::testing::TempDir dir;
-    const auto image = writePng(dir.path() / "download.png");
     auto payload = parse(richUserInfo({{"image", imageUrl}}));
     ASSERT_NE(payload, nullptr);
 
     constexpr std::size_t images = 20;
+    std::vector<std::filesystem::path> downloads;
+    for (std::size_t i = 0; i < images; ++i) {
+        downloads.push_back(writePng(dir.path() / ("download-" + std::to_string(i) + ".png")));
+    }
     std::thread download([&] {
-        for (std::size_t i = 0; i < images; ++i) payload->addImage(image);
+        for (const auto& image : downloads) payload->addImage(image);
     });
     std::size_t seenBefore = 0;
     for (int read = 0; read < 200; ++read) {
