@@ -1,6 +1,8 @@
 #include "messaging_push/MessagingPushImplementation.hpp"
 
+#include <filesystem>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "Common/DIGraph.hpp"
@@ -165,11 +167,16 @@ std::shared_ptr<TernParsedPushPayload> MessagingPushImplementation::userNotifica
     if (!payload) return nullptr;
 
     // The images were downloaded for this notification only; once it has been answered they
-    // are of no more use. A file that cannot be removed is left behind.
+    // are of no more use. A file that cannot be removed is left behind. The attachments come
+    // with the response, so only what can be one of those image files is removed: never a
+    // directory, nor a path that is not absolute.
     auto& env = vontu::platform::Env::current();
     for (const auto& attachment : payload->ternAttachments()) {
         if (!attachment.url.starts_with(fileUrlPrefix)) continue;
-        (void)env.removeItem(attachment.url.substr(fileUrlPrefix.size()));
+        const std::filesystem::path file = attachment.url.substr(fileUrlPrefix.size());
+        std::error_code ignored;
+        if (!file.is_absolute() || std::filesystem::is_directory(file, ignored)) continue;
+        (void)env.removeItem(file);
     }
     return payload;
 }

@@ -103,11 +103,18 @@ TEST(NotificationResponseTest, AnsweringARichPushRemovesTheImagesThisLibraryAtta
     const auto ours = attach("tern_sdk_abcdefghij", "ours.png");
     std::filesystem::remove(attach("tern_sdk_klmnopqrst", "gone.png"));
     const auto theirs = attach("app-image", "theirs.png");
+    // Attachments come with the response: ones naming a directory or a relative path are kept.
+    const auto folder = files.path() / "folder";
+    std::filesystem::create_directories(folder / "inside");
+    for (const auto& url : {"file://" + folder.string(), std::string("file://folder")}) {
+        answered.notification.content.attachments.push_back({"tern_sdk_uvwxyzabcd", url, "public.png"});
+    }
     int completions = 0;
     EXPECT_TRUE(MessagingPush::shared().userNotificationCenter(answered, [&] { ++completions; }));
     EXPECT_EQ(completions, 1);
     EXPECT_FALSE(std::filesystem::exists(ours));
     EXPECT_TRUE(std::filesystem::exists(theirs));
+    EXPECT_TRUE(std::filesystem::exists(folder / "inside"));
     EXPECT_FALSE(MessagingPush::shared().userNotificationCenter(response(ternUserInfo()), [&] { ++completions; }));
     EXPECT_EQ(completions, 1);
 }
