@@ -411,16 +411,20 @@ public:
     SessionCore& operator=(const SessionCore&) = delete;
 
     void submit(const std::shared_ptr<Transfer>& transfer) {
+        std::thread retired;
         {
             std::lock_guard lock(mutex_);
             transfer->refused = invalidated_;
             incoming_.push_back(transfer);
             if (!threadStarted_) {
                 threadStarted_ = true;
+                retired = std::move(retired_);
                 thread_ = std::thread([self = shared_from_this()] { self->run(); });
             }
         }
         wake();
+        // A thread that retired has nothing left to do but return.
+        if (retired.joinable()) retired.join();
     }
 
     void noteCancel() {
@@ -445,14 +449,17 @@ public:
     // soon as the completion returns, keeping this object alive until then.
     void shutDown() {
         std::thread thread;
+        std::thread retired;
         {
             std::lock_guard lock(mutex_);
             invalidated_ = true;
             cancelRunning_ = true;
             shuttingDown_ = true;
             thread = std::move(thread_);
+            retired = std::move(retired_);
         }
         wake();
+        if (retired.joinable()) retired.join();
         if (!thread.joinable()) return;
         if (thread.get_id() == std::this_thread::get_id()) {
             thread.detach();
@@ -464,6 +471,7 @@ public:
 private:
     struct Orders {
         std::vector<std::shared_ptr<Transfer>> arrivals;
+        bool invalidated = false;
         bool cancelRunning = false;
         bool cancelNoted = false;
         bool shuttingDown = false;
@@ -477,10 +485,11 @@ private:
             ordersFromWithin_ = true;
             return;
         }
+        // Under the lock: a retiring thread lets go of the multi handle under it too.
+        std::lock_guard lock(mutex_);
         if (multi_ != nullptr) {
             curl_multi_wakeup(multi_);
         } else {
-            std::lock_guard lock(mutex_);
             woken_ = true;
             wakeups_.notify_all();
         }
@@ -490,6 +499,7 @@ private:
         std::lock_guard lock(mutex_);
         Orders orders;
         orders.arrivals.swap(incoming_);
+        orders.invalidated = invalidated_;
         orders.cancelRunning = cancelRunning_;
         orders.cancelNoted = std::exchange(cancelNoted_, false);
         orders.shuttingDown = shuttingDown_;
@@ -504,6 +514,7 @@ private:
             if (orders.cancelRunning || orders.cancelNoted) cancelRunningTransfers(orders.cancelRunning);
             expireIdleTransfers();
             if (orders.shuttingDown && running_.empty()) return;
+            if (orders.invalidated && running_.empty() && retireIfIdle()) return;
             if (multi_ != nullptr) {
                 int stillRunning = 0;
                 curl_multi_perform(multi_, &stillRunning);
@@ -511,6 +522,24 @@ private:
             }
             waitForWork();
         }
+    }
+
+    // An invalidated session that has nothing left to run gives back its thread and its
+    // connections at once: its owner may keep it for the rest of the process (the push library
+    // keeps every rich push's client). A task given to it later is refused on a new thread.
+    // False when a task arrived meanwhile; the thread then goes on and refuses it.
+    bool retireIfIdle() {
+        std::lock_guard lock(mutex_);
+        if (!incoming_.empty()) return false;
+        for (CURL* easy : idleHandles_) curl_easy_cleanup(easy);
+        idleHandles_.clear();
+        if (multi_ != nullptr) curl_multi_cleanup(multi_);  // closes the connections
+        multi_ = nullptr;
+        // Thread ids are reused: a later thread must not pass for this one in wake().
+        threadId_.store(std::thread::id{});
+        threadStarted_ = false;
+        retired_ = std::move(thread_);
+        return true;
     }
 
     void waitForWork() {
@@ -753,7 +782,9 @@ private:
 
     const UrlSessionConfiguration config_;
     const fs::path downloadDirectory_;
-    CURLM* const multi_;
+    // Written only by the session thread, under the mutex (when it retires); read by other
+    // threads only under the mutex.
+    CURLM* multi_;
     curl_slist* connectTo_ = nullptr;
     std::string trustedCertificates_;
     std::optional<UrlError> setupError_;
@@ -770,6 +801,8 @@ private:
     bool shuttingDown_ = false;
     bool threadStarted_ = false;
     std::thread thread_;
+    // A thread that retired, until a new one starts or the session shuts down and joins it.
+    std::thread retired_;
 
     std::atomic<std::thread::id> threadId_{};
 

@@ -4,7 +4,9 @@
 
 #include <chrono>
 #include <filesystem>
+#include <iterator>
 #include <mutex>
+#include <thread>
 
 #include "platform/linux/CurlUrlSession.hpp"
 #include "tests/support/CompletionRecorder.hpp"
@@ -191,6 +193,37 @@ TEST_F(CurlUrlSessionTest, InvalidatingCancelsOrFinishesRunningTasksAndRefusesLa
         EXPECT_EQ(outcome.code(), finish ? std::nullopt : std::optional(Code::cancelled));
         EXPECT_EQ(outcome.data, finish ? std::optional(toBytes("late")) : std::nullopt);
     }
+}
+
+// Entries of a /proc/self directory: the process's threads, or its open descriptors.
+std::size_t entriesOf(const char* directory) {
+    return static_cast<std::size_t>(std::distance(fs::directory_iterator(directory), {}));
+}
+
+// The push library keeps every rich push's client, and so its sessions, for the rest of the
+// process: once invalidated and idle, a session must give its thread and connections back.
+TEST_F(CurlUrlSessionTest, AnInvalidatedSessionGivesBackItsThreadAndConnectionsOnceIdle) {
+    // The server starts its threads as it starts listening: have it answer once before counting.
+    ASSERT_EQ(fetch(*makeSession(), requestFor(server.url("/echo"))).data, toBytes("ok"));
+    const std::size_t threads = entriesOf("/proc/self/task");
+    const std::size_t descriptors = entriesOf("/proc/self/fd");
+    const auto backToStart = [&] {
+        const auto deadline = std::chrono::steady_clock::now() + 10s;
+        // At most: the server may still have been closing the first answer's connection.
+        while (entriesOf("/proc/self/task") > threads || entriesOf("/proc/self/fd") > descriptors) {
+            if (std::chrono::steady_clock::now() > deadline) return false;
+            std::this_thread::sleep_for(10ms);
+        }
+        return true;
+    };
+    auto session = makeSession();
+    ASSERT_EQ(fetch(*session, requestFor(server.url("/echo"))).data, toBytes("ok"));
+    EXPECT_GT(entriesOf("/proc/self/task"), threads);
+    session->finishTasksAndInvalidate();
+    EXPECT_TRUE(backToStart());
+    // Later tasks are still answered, on a thread of the session's, which goes again.
+    EXPECT_EQ(fetch(*session, requestFor(server.url("/echo"))).code(), Code::cancelled);
+    EXPECT_TRUE(backToStart());
 }
 
 // A completion may start the next task on its own session and drop the last reference to it.
