@@ -120,8 +120,17 @@ struct FullUppercase {
     char16_t letter;
     const char16_t* upper;
 };
-constexpr std::array<FullUppercase, 16> kFullUppercase{{
+constexpr std::array<FullUppercase, 39> kFullUppercase{{
     {0x00DF, u"SS"}, {0x0149, u"\u02BCN"}, {0x01F0, u"J\u030C"}, {0x0587, u"\u0535\u0552"},
+    {0x0390, u"\u0399\u0308\u0301"}, {0x03B0, u"\u03A5\u0308\u0301"},
+    {0x1E96, u"H\u0331"}, {0x1E97, u"T\u0308"}, {0x1E98, u"W\u030A"}, {0x1E99, u"Y\u030A"},
+    {0x1E9A, u"A\u02BE"}, {0x1F50, u"\u03A5\u0313"}, {0x1F52, u"\u03A5\u0313\u0300"},
+    {0x1F54, u"\u03A5\u0313\u0301"}, {0x1F56, u"\u03A5\u0313\u0342"},
+    {0x1FB6, u"\u0391\u0342"}, {0x1FC6, u"\u0397\u0342"}, {0x1FD2, u"\u0399\u0308\u0300"},
+    {0x1FD3, u"\u0399\u0308\u0301"}, {0x1FD6, u"\u0399\u0342"},
+    {0x1FD7, u"\u0399\u0308\u0342"}, {0x1FE2, u"\u03A5\u0308\u0300"},
+    {0x1FE3, u"\u03A5\u0308\u0301"}, {0x1FE4, u"\u03A1\u0313"}, {0x1FE6, u"\u03A5\u0342"},
+    {0x1FE7, u"\u03A5\u0308\u0342"}, {0x1FF6, u"\u03A9\u0342"},
     {0xFB00, u"FF"}, {0xFB01, u"FI"}, {0xFB02, u"FL"}, {0xFB03, u"FFI"}, {0xFB04, u"FFL"},
     {0xFB05, u"ST"}, {0xFB06, u"ST"}, {0xFB13, u"\u0544\u0546"}, {0xFB14, u"\u0544\u0535"},
     {0xFB15, u"\u0544\u053B"}, {0xFB16, u"\u054E\u0546"}, {0xFB17, u"\u0544\u053D"},

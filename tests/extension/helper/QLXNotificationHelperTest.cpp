@@ -60,6 +60,7 @@ TEST(QLXNotificationHelperInitials, FirstLettersOfTheFirstTwoWordsElseOfTheAddre
         // Words starting with no letter are skipped: an Arabic-Indic digit, an emoji.
         {"  \u0661st 😀 jane   doe ", "x@example.com", "JD"},
         {"élodie ßmith", "x@example.com", "ÉSS"},
+        {"\u0390ων \u1E96a", "x@example.com", "\u0399\u0308\u0301H\u0331"},  // full upper case
         {"", "Ab@example.com", "A"},  // the address keeps its case
     };
     for (const auto& c : cases) {
