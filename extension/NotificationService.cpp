@@ -188,7 +188,7 @@ void NotificationService::storeFetchedMessage(const json& aps,
     for (const char* field : {"gid", "gtid"}) {
         if (!aps.contains(field)) continue;
         // Kept as the payload had it; a value with no defaults form (null) is left out.
-        if (auto converted = platform::plistFromJson(aps.at(field))) record[field] = *converted;
+        if (auto converted = platform::plistFromPlainJson(aps.at(field))) record[field] = *converted;
     }
     if (auto defaults = sharedDefaults()) {
         defaults->setObject(record, fmt::format("EML_{}_{}", formatted(session), formatted(key)));

@@ -20,7 +20,10 @@ constexpr int maximumDepth = 512;
 
 using Result = std::expected<PlistValue, std::string>;
 
-Result fromJson(const json& value, int depth);
+// Whether objects of the hosts' tagged forms ({"$date"}, {"$data"}) stand for dates and bytes.
+enum class Forms { tagged, plain };
+
+Result fromJson(const json& value, int depth, Forms forms);
 
 // An object with the single key "$date" holding a number.
 bool isDateForm(const json& object) {
@@ -42,24 +45,28 @@ Result bytesFromBase64(const std::string& text) {
     return PlistValue(std::move(*bytes));
 }
 
-Result objectFromJson(const json& object, int depth) {
-    if (isDateForm(object)) return PlistValue(Date{object.at(dateKey).get<double>()});
-    if (isDataForm(object)) return bytesFromBase64(object.at(dataKey).get_ref<const std::string&>());
+Result objectFromJson(const json& object, int depth, Forms forms) {
+    if (forms == Forms::tagged && isDateForm(object)) {
+        return PlistValue(Date{object.at(dateKey).get<double>()});
+    }
+    if (forms == Forms::tagged && isDataForm(object)) {
+        return bytesFromBase64(object.at(dataKey).get_ref<const std::string&>());
+    }
 
     PlistDictionary dictionary;
     for (const auto& [key, member] : object.items()) {
-        auto converted = fromJson(member, depth + 1);
+        auto converted = fromJson(member, depth + 1, forms);
         if (!converted) return std::unexpected("in \"" + key + "\": " + converted.error());
         dictionary.emplace(key, std::move(*converted));
     }
     return PlistValue(std::move(dictionary));
 }
 
-Result arrayFromJson(const json& array, int depth) {
+Result arrayFromJson(const json& array, int depth, Forms forms) {
     PlistArray elements;
     elements.reserve(array.size());
     for (std::size_t index = 0; index < array.size(); ++index) {
-        auto converted = fromJson(array[index], depth + 1);
+        auto converted = fromJson(array[index], depth + 1, forms);
         if (!converted) {
             return std::unexpected("at index " + std::to_string(index) + ": " + converted.error());
         }
@@ -78,11 +85,11 @@ PlistValue fromUnsigned(std::uint64_t number) {
     return PlistValue(static_cast<double>(number));
 }
 
-Result fromJson(const json& value, int depth) {
+Result fromJson(const json& value, int depth, Forms forms) {
     if (depth > maximumDepth) return std::unexpected(std::string("nested too deeply"));
     switch (value.type()) {
-        case json::value_t::object: return objectFromJson(value, depth);
-        case json::value_t::array: return arrayFromJson(value, depth);
+        case json::value_t::object: return objectFromJson(value, depth, forms);
+        case json::value_t::array: return arrayFromJson(value, depth, forms);
         case json::value_t::string: return PlistValue(value.get<std::string>());
         case json::value_t::boolean: return PlistValue(value.get<bool>());
         case json::value_t::number_integer: return PlistValue(value.get<std::int64_t>());
@@ -101,7 +108,11 @@ Result fromJson(const json& value, int depth) {
 }  // namespace
 
 std::expected<PlistValue, std::string> plistFromJson(const nlohmann::json& json) {
-    return fromJson(json, 0);
+    return fromJson(json, 0, Forms::tagged);
+}
+
+std::expected<PlistValue, std::string> plistFromPlainJson(const nlohmann::json& json) {
+    return fromJson(json, 0, Forms::plain);
 }
 
 // Doubles that are not finite have no JSON form; the JSON library writes them as null.

@@ -100,7 +100,7 @@ TEST_F(NotificationServiceTest, NewMailPostsTheExactRequestAndStoresTheMessage) 
     defaults().setObject(PlistDictionary{{"id", "device-7"}}, "DeviceID");
     QLXSoundsManager::sharedManager().useSound("Beep", "WORK@example.com");  // in any case
     json aps = newMail();
-    aps.update({{"gid", 99}, {"gtid", "thread-1"}});
+    aps.update({{"gid", 99}, {"gtid", {{"$date", 5}}}});  // a payload's object stays an object
     auto content = deliver(push(aps));
     ASSERT_TRUE(content);
     ASSERT_EQ(received().size(), 1u);
@@ -109,7 +109,8 @@ TEST_F(NotificationServiceTest, NewMailPostsTheExactRequestAndStoresTheMessage) 
     EXPECT_EQ(r.get_header_value("Content-Type"), "application/json; charset=UTF-8");
     EXPECT_EQ(r.get_header_value("Host"), "relay.test:9001");
     EXPECT_EQ(defaults().objectForKey("EML_Work@Example.com_msg-42"),
-              PlistValue(PlistDictionary{{"eml", "From: jane@example.com\r\n\r\nHello"}, {"gid", 99}, {"gtid", "thread-1"}}));
+              PlistValue(PlistDictionary{{"eml", "From: jane@example.com\r\n\r\nHello"}, {"gid", 99},
+                                         {"gtid", PlistDictionary{{"$date", 5}}}}));
     EXPECT_EQ(content->sound, platform::NotificationSound::soundNamed("Beep.caf"));
 }
 
