@@ -78,12 +78,16 @@ struct OpenedFile {
     Bytes contents;
 };
 
+constexpr off_t kLargestFileRead = 64 * 1024 * 1024;
+
 std::expected<OpenedFile, FileError> openAndRead(const fs::path& path) {
     const auto failure = [&path](int error) {
         return std::unexpected(
             fileError("Could not read the file", path, {error, std::generic_category()}));
     };
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Non-blocking until it is known to be a regular file: opening a FIFO would otherwise wait
+    // for a writer that may never come.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return failure(errno);
     const auto fail = [fd, &failure](int error) {
         ::close(fd);
@@ -92,6 +96,10 @@ std::expected<OpenedFile, FileError> openAndRead(const fs::path& path) {
     struct stat info {};
     if (::fstat(fd, &info) != 0) return fail(errno);
     if (!S_ISREG(info.st_mode)) return fail(S_ISDIR(info.st_mode) ? EISDIR : EINVAL);
+    if (::fcntl(fd, F_SETFL, 0) != 0) return fail(errno);
+    // Every file read here (defaults aside, which SQLite reads) is small: the queue's, the
+    // avatars, a download at most 10 MB. A larger one is refused rather than allocated.
+    if (info.st_size > kLargestFileRead) return fail(EFBIG);
     // The size is a hint: the file may grow or shrink while it is read.
     Bytes contents(static_cast<std::size_t>(info.st_size));
     std::size_t filled = 0;
@@ -253,7 +261,8 @@ std::expected<std::shared_ptr<const FilePin>, FileError> LinuxEnv::rewriteFile(
     const fs::path scratch = path.parent_path() / ("." + path.filename().string() + ".scratch");
     // The scratch file is this call's own (callers serialise rewrites); O_NOFOLLOW keeps a link
     // planted there from redirecting the write.
-    int fd = ::open(scratch.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    // O_NONBLOCK: a FIFO planted there fails at once instead of waiting for a reader.
+    int fd = ::open(scratch.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
     if (fd < 0) return failure(errno);
     const auto fail = [&](int error) {
         ::close(fd);
@@ -313,7 +322,12 @@ std::expected<void, FileError> LinuxEnv::moveItem(const fs::path& from, const fs
     if (::link(from.c_str(), to.c_str()) != 0) {
         return std::unexpected(fileError("Could not move the file to", to, {errno, std::generic_category()}));
     }
-    ::unlink(from.c_str());
+    // A file left under both names was not moved: the target goes again.
+    if (::unlink(from.c_str()) != 0) {
+        const int error = errno;
+        ::unlink(to.c_str());
+        return std::unexpected(fileError("Could not move the file to", to, {error, std::generic_category()}));
+    }
     return {};
 }
 
@@ -365,8 +379,15 @@ std::shared_ptr<DefaultsSuite> LinuxEnv::defaultsSuite(const std::string& name) 
 bool LinuxEnv::isWellFormedUrl(const std::string& url) { return curlAcceptsUrl(url); }
 
 std::shared_ptr<UrlSession> LinuxEnv::newUrlSession(const UrlSessionConfiguration& config) {
-    auto downloads = temporaryDirectory().value_or(fs::temp_directory_path());
-    return makeCurlUrlSession(config, settings_.network, downloads / "downloads");
+    // The app's temporary directory is under the state root; should it be unavailable, the
+    // system's (never throwing: a TMPDIR that names nothing falls back to /tmp).
+    auto downloads = temporaryDirectory();
+    if (!downloads) {
+        std::error_code ec;
+        downloads = fs::temp_directory_path(ec);
+        if (ec) downloads = fs::path("/tmp");
+    }
+    return makeCurlUrlSession(config, settings_.network, *downloads / "downloads");
 }
 
 std::shared_ptr<UrlSession> LinuxEnv::sharedUrlSession() {
@@ -390,8 +411,11 @@ bool LinuxEnv::isMainThread() {
 std::shared_ptr<TimerHandle> LinuxEnv::scheduleOnMain(double seconds,
                                                       std::function<void()> block) {
     auto handle = std::make_shared<AsioTimerHandle>(loop_->main);
+    // Beyond some 292 years the clock's nanoseconds overflow, and the timer would fire at
+    // once; a century is as good as never here.
+    constexpr double longestDelaySeconds = 100.0 * 365 * 24 * 3600;
     auto delay = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-        std::chrono::duration<double>(seconds > 0 ? seconds : 0));
+        std::chrono::duration<double>(seconds > 0 ? std::min(seconds, longestDelaySeconds) : 0));
     // Arming happens on the main thread too, so the timer object is touched by one thread.
     asio::post(loop_->main, [handle, delay, block = std::move(block)]() mutable {
         if (handle->isInvalidated()) return;

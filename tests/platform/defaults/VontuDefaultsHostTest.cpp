@@ -84,6 +84,12 @@ TEST_F(VontuDefaultsHost, TakesTheStateRootFromTheEnvironmentAndMakesItPrivate) 
         ASSERT_EQ(::stat(path.c_str(), &info), 0) << path;
         EXPECT_EQ(info.st_mode & 0777, mode) << path;
     }
+    // A relative $XDG_DATA_HOME is ignored rather than taken from the working directory.
+    const fs::path user = home_.path() / "user";
+    const auto fallback = runProcess(VONTU_DEFAULTS_PROGRAM, {"write", "suite", "k", "1"}, "",
+                                     {{"VONTU_HOME", ""}, {"XDG_DATA_HOME", "relative"}, {"HOME", user.string()}});
+    ASSERT_EQ(fallback.exitCode, 0) << fallback.err;
+    EXPECT_TRUE(fs::exists(user / ".local" / "share" / "vontu" / "preferences" / "suite.sqlite"));
 }
 
 TEST_F(VontuDefaultsHost, AnUnusableSuiteFailsWithExitOneAndIsLeftAlone) {

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <atomic>
 #include <cstdlib>
 #include <future>
 #include <regex>
@@ -43,6 +46,18 @@ TEST(LinuxEnvLoop, JobsAndTimersRunOnTheMainThreadInOrderAndBackgroundWorkElsewh
     EXPECT_EQ(background.await(), true);
 }
 
+// A delay beyond what the clock can count (some 292 years) must not wrap round to one that has
+// passed already.
+TEST(LinuxEnvLoop, AnEndlessDelayWaitsInsteadOfFiringAtOnce) {
+    auto& env = Env::current();
+    auto endlessFired = std::make_shared<std::atomic<bool>>(false);
+    auto endless = env.scheduleOnMain(1e12, [endlessFired] { *endlessFired = true; });
+    CompletionRecorder<bool> soon;
+    env.scheduleOnMain(0.1, [endlessFired, done = soon.completion()] { done(endlessFired->load()); });
+    EXPECT_EQ(soon.await(), false);
+    endless->invalidate();
+}
+
 TEST(LinuxEnvFiles, WritesReplaceWholeFilesOwnerOnlyAndMovesNeverReplace) {
     auto& env = Env::current();
     const auto directory = *env.temporaryDirectory() / "a" / "b";
@@ -55,6 +70,10 @@ TEST(LinuxEnvFiles, WritesReplaceWholeFilesOwnerOnlyAndMovesNeverReplace) {
     EXPECT_EQ(fs::status(file).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     EXPECT_EQ(std::distance(fs::directory_iterator(directory), fs::directory_iterator()), 1) << "a temporary file is left";
     EXPECT_FALSE(env.readFile(directory));  // a directory is an error, not an exception
+    const auto fifo = directory / "fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_FALSE(env.readFile(fifo));  // at once, without waiting for a writer
+    ASSERT_TRUE(env.removeItem(fifo));
 
     const auto moved = directory / "moved.json";
     ASSERT_TRUE(env.moveItem(file, moved));
