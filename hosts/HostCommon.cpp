@@ -1,9 +1,12 @@
 #include "hosts/HostCommon.hpp"
 
+#include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <optional>
 #include <regex>
 #include <sstream>
 
@@ -27,22 +30,75 @@ void addPlatformOptions(CLI::App& app, platform::linux_host::HostSettings& setti
         ->check(CLI::ExistingFile);
 }
 
-std::expected<nlohmann::json, std::string> readJsonInput(const std::string& path) {
+namespace {
+
+// Deeper than any push payload (4 KB) or record the hosts take.
+constexpr int deepestJson = 512;
+
+std::optional<std::string> readWhole(const std::string& path) {
     std::string text;
     if (path == "-") {
         text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-    } else {
+        return text;
+    }
+    // A directory opens as a stream and fails only when read, by throwing.
+    std::error_code ec;
+    if (std::filesystem::is_directory(path, ec)) return std::nullopt;
+    try {
         std::ifstream in(path, std::ios::binary);
-        if (!in) return std::unexpected("cannot read " + path);
+        if (!in) return std::nullopt;
         text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-        if (in.bad()) return std::unexpected("cannot read " + path);
+        if (in.bad()) return std::nullopt;
+    } catch (const std::exception&) {
+        return std::nullopt;
     }
-    auto json = nlohmann::json::parse(text, nullptr, false);
-    if (json.is_discarded()) {
-        return std::unexpected((path == "-" ? std::string("standard input") : path) +
-                               " is not JSON");
-    }
+    return text;
+}
+
+}  // namespace
+
+std::expected<nlohmann::json, std::string> readJsonInput(const std::string& path) {
+    const auto text = readWhole(path);
+    if (!text) return std::unexpected("cannot read " + path);
+    return parseJsonText(*text, path == "-" ? std::string("standard input") : path);
+}
+
+std::expected<nlohmann::json, std::string> parseJsonText(std::string_view text,
+                                                         const std::string& what) {
+    bool tooDeep = false;
+    auto json = nlohmann::json::parse(
+        text,
+        [&tooDeep](int depth, nlohmann::json::parse_event_t, nlohmann::json&) {
+            if (depth > deepestJson) tooDeep = true;
+            return !tooDeep;  // once too deep, nothing more is kept
+        },
+        false);
+    if (json.is_discarded()) return std::unexpected(what + " is not JSON");
+    if (tooDeep) return std::unexpected(what + " is nested too deeply");
     return json;
+}
+
+std::string directoryNameProblem(const std::string& value) {
+    if (value.empty()) return "must not be empty";
+    if (value.find('/') != std::string::npos || value == "." || value == "..") {
+        return "must be a single name, without \"/\"";
+    }
+    return "";
+}
+
+CLI::Validator secondsUpToADay(bool zeroAllowed) {
+    return CLI::Validator(
+        [zeroAllowed](std::string& text) -> std::string {
+            constexpr double aDay = 24 * 3600;
+            double seconds = 0;
+            if (!CLI::detail::lexical_cast(text, seconds) || !std::isfinite(seconds) ||
+                seconds < 0 || (seconds == 0 && !zeroAllowed) || seconds > aDay) {
+                return zeroAllowed ? "expected seconds from 0 to 86400"
+                                   : "expected seconds above 0, at most 86400";
+            }
+            return "";
+        },
+        "SECONDS");
 }
 
 void printError(const std::string& program, const std::string& message) {

@@ -108,10 +108,10 @@ std::string settingOrDefault(const std::string& fromOption, const char* environm
 // text as a JSON object; what names the argument in the error.
 std::expected<json, UsageError> jsonObjectArgument(const std::string& text,
                                                    const std::string& what) {
-    auto parsed = json::parse(text, nullptr, false);
-    if (parsed.is_discarded()) return std::unexpected(UsageError{what + " is not JSON"});
-    if (!parsed.is_object()) return std::unexpected(UsageError{what + " is not a JSON object"});
-    return parsed;
+    auto parsed = hosts::parseJsonText(text, what);
+    if (!parsed) return std::unexpected(UsageError{parsed.error()});
+    if (!parsed->is_object()) return std::unexpected(UsageError{what + " is not a JSON object"});
+    return std::move(*parsed);
 }
 
 std::expected<std::optional<json>, UsageError> optionalJsonObjectArgument(
@@ -288,7 +288,8 @@ std::optional<int> parseCommandLine(int argc, char** argv, Options& options) {
     app.add_option("--api-key", options.apiKey, "API key (else $TERN_API_KEY, else built in)");
     app.add_option("--region", options.region, "Region: US (default) or EU");
     app.add_option("--config", arguments.config, "SDK configuration changes (a JSON object)");
-    app.add_option("--bundle-id", options.settings.bundleIdentifier, "Bundle id of the app");
+    app.add_option("--bundle-id", options.settings.bundleIdentifier, "Bundle id of the app")
+        ->check(hosts::directoryNameProblem);
     app.add_flag("--flush", options.flush, "Run the queue after the command and wait for it");
     app.add_option("--universal-link-host", arguments.universalLinkHosts,
                    "A host whose https links the app takes as universal links (repeatable)");
@@ -329,6 +330,11 @@ std::optional<int> parseCommandLine(int argc, char** argv, Options& options) {
     installAppLinkHandlers(options.settings, arguments.universalLinkHosts);
     options.siteId = settingOrDefault(options.siteId, "TERN_SITE_ID", TERN_SITE_ID);
     options.apiKey = settingOrDefault(options.apiKey, "TERN_API_KEY", TERN_API_KEY);
+    // The site id names the library's directory for the site.
+    if (const auto problem = hosts::directoryNameProblem(options.siteId); !problem.empty()) {
+        hosts::printError(kProgram, "the site id " + problem);
+        return hosts::kExitBadInput;
+    }
     return std::nullopt;
 }
 

@@ -118,10 +118,10 @@ void serve(const Options& options, platform::Env& env, hosts::ExtensionQueue& qu
     std::string line;
     while (std::getline(std::cin, line)) {
         if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
-        auto parsed = json::parse(line, nullptr, false);
-        auto request = parsed.is_discarded()
-                           ? std::unexpected(std::string("the line is not JSON"))
-                           : platform::requestFromJson(parsed);
+        auto parsed = hosts::parseJsonText(line, "the line");
+        auto request = parsed ? platform::requestFromJson(*parsed)
+                              : std::expected<platform::NotificationRequest, std::string>(
+                                    std::unexpected(parsed.error()));
         if (!request) {
             hosts::printError(kProgram, request.error());
             printLine({{"error", request.error()}});
@@ -138,12 +138,14 @@ int parseCommandLine(int argc, char** argv, Options& options) {
     hosts::addPlatformOptions(app, options.settings);
     app.add_option("--relay-url", options.relayUrl, "Mail relay server base URL");
     app.add_option("--time-limit", options.timeLimit, "Seconds the system allows")
-        ->check(CLI::PositiveNumber);
+        ->check(hosts::secondsUpToADay(false));
     app.add_option("--warning", options.warning, "Seconds before the limit of the expiry warning")
-        ->check(CLI::NonNegativeNumber);
-    app.add_option("--bundle-id", options.settings.bundleIdentifier, "Bundle id of the extension");
-    app.add_flag("--serve", options.serve, "Read one request a line from standard input");
-    app.add_option("input", options.input, "Request file, or - for standard input");
+        ->check(hosts::secondsUpToADay(true));
+    app.add_option("--bundle-id", options.settings.bundleIdentifier, "Bundle id of the extension")
+        ->check(hosts::directoryNameProblem);
+    auto* serve = app.add_flag("--serve", options.serve, "Read one request a line from standard input");
+    app.add_option("input", options.input, "Request file, or - for standard input")
+        ->excludes(serve);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& help) {

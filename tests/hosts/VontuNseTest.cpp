@@ -137,11 +137,17 @@ TEST_F(VontuNse, ReadsARequestFileAndRefusesInputItCannotReadWithExit2) {
         {{"-"}, R"({"content": {"title": 5}})"},
         {{(files.path() / "missing.json").string()}, ""},
         {{"--time-limit", "soon", "-"}, "{}"},
+        {{"--time-limit", "1e10", "-"}, "{}"},  // the deadline's clock would overflow
+        {{"--warning", "nan", "-"}, "{}"},
+        {{"--bundle-id", "../elsewhere", "-"}, "{}"},  // would leave the state root
+        {{"--serve", "-"}, ""},
+        {{files.path().string()}, ""},  // a directory
+        {{"-"}, R"({"aps": )" + std::string(100000, '[') + std::string(100000, ']') + "}"},
         {{"--connect-to", "nonsense", "-"}, "{}"},
     };
     for (const auto& [args, input] : cases) {
         auto result = nse(args, input);
-        EXPECT_EQ(result.exitCode, 2) << input;
+        EXPECT_EQ(result.exitCode, 2) << input.substr(0, 60);
         EXPECT_EQ(result.out, "");
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
     }

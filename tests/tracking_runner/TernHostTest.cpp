@@ -248,6 +248,8 @@ TEST_F(TernHostTest, BadUsageIsOneErrorLineAndExitTwoWithNothingQueued) {
         {"identify"},                          {"clear-identify", "extra"},
         {"metric", "dlv", "bounced", "tok"},   {"track", "x", "--no-such-option"},
         {"open", "no-such-push.json"},         {"open", "--action"},
+        {"open", "/"},                         {"--site-id", "../../x", "identify", "a"},
+        {"--bundle-id", "..", "identify", "a"},
     };
     for (const auto& command : cases) {
         std::vector<std::string> arguments = {"--config", configText};
