@@ -9,6 +9,7 @@
 #include <iostream>
 #include <mutex>
 #include <optional>
+#include <regex>
 #include <string>
 #include <thread>
 
@@ -157,6 +158,14 @@ int parseCommandLine(int argc, char** argv, Options& options) {
     if (options.relayUrl.empty()) {
         const char* fromEnv = std::getenv("VONTU_RELAY_URL");
         options.relayUrl = fromEnv != nullptr && *fromEnv != '\0' ? fromEnv : VONTU_RELAY_URL;
+    }
+    // The extension adds the relay's fixed port and path to the base URL: a base URL with a
+    // port or path of its own would make every fetch fail without a word.
+    static const std::regex schemeAndHost(R"(https?://(\[[0-9A-Fa-f:.]+\]|[^/:?#@\s]+))");
+    if (!std::regex_match(options.relayUrl, schemeAndHost)) {
+        hosts::printError(kProgram, "the relay URL " + options.relayUrl +
+                                        " is not a scheme and host alone (port 9001 is added)");
+        return hosts::kExitBadInput;
     }
     return -1;
 }

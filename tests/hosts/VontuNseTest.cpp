@@ -140,6 +140,7 @@ TEST_F(VontuNse, ReadsARequestFileAndRefusesInputItCannotReadWithExit2) {
         {{"--time-limit", "1e10", "-"}, "{}"},  // the deadline's clock would overflow
         {{"--warning", "nan", "-"}, "{}"},
         {{"--bundle-id", "../elsewhere", "-"}, "{}"},  // would leave the state root
+        {{"--relay-url", "http://relay.test:8080", "-"}, "{}"},  // the port is always 9001
         {{"--serve", "-"}, ""},
         {{files.path().string()}, ""},  // a directory
         {{"-"}, R"({"aps": )" + std::string(100000, '[') + std::string(100000, ']') + "}"},
