@@ -162,7 +162,8 @@ def main():
             downloads = home / "apps" / "ios.vontu.NotificationService" / "tmp" / "tern_sdk"
 
             def forget_download():
-                # A download never replaces a file of the same name: each run starts without.
+                # Each run's attachment stays in the download directory: each run starts
+                # with it empty, as the first push of a fresh install does.
                 shutil.rmtree(downloads, ignore_errors=True)
 
             def attached(output):
