@@ -14,10 +14,12 @@
 // A last one measures the least that any run could do per task here, as a floor for the
 // drain's ratio: the same requests through libcurl on a thread of their own while the sending
 // thread waits for each answer (a run's loop waits on its thread; a URL session answers on
-// another), with each task's file read, the inventory replaced without its entry (the fastest
-// whole-file replacement this file system has, a scratch file exchanged in one rename) and the
-// task file removed. No JSON, no locks, no logging; the inventory is only checked with a stat,
-// its bytes kept in memory.
+// another), with the two steps that each request needs whatever the design (the task file read
+// and decoded, the pause date read from the global defaults before the request), the inventory
+// replaced without its entry (the fastest whole-file replacement this file system has, a
+// scratch file exchanged in one rename) and the task file removed. No locks, no logging, no
+// inventory decoding or encoding: the inventory is only checked with a stat, its bytes kept in
+// memory.
 //
 // Reported per benchmark: tasks_per_second; after the run, the ratio of the drain's time to
 // libcurl's, the split and the floor's ratio to libcurl (medians of the iterations), and the
@@ -47,9 +49,11 @@
 
 #include "Common/DIGraph.hpp"
 #include "Common/http/HttpRequestParams.hpp"
+#include "Common/storage/GlobalDataStore.hpp"
 #include "Common/queue/QueueTask.hpp"
 #include "Common/queue/QueueTaskMetadata.hpp"
 #include "Common/queue/TrackDeliveryEventRequestBody.hpp"
+#include "Common/util/JsonAdapter.hpp"
 #include "Common/util/UserAgentUtil.hpp"
 #include "platform/Env.hpp"
 #include "platform/linux/LinuxEnv.hpp"
@@ -330,7 +334,9 @@ void BM_PerTaskFloor(benchmark::State& state) {
     std::vector<std::size_t> entryLengths;
     for (const auto& entry : bench->inventory) entryLengths.push_back(encoded(entry).size());
     SenderThread sender;
-    std::vector<char> buffer(1 << 16);
+    auto adapter = bench->graph->jsonAdapter();
+    auto globalData = bench->graph->globalDataStore();
+    Bytes buffer(1 << 16);
     for (auto _ : state) {
         state.PauseTiming();
         fs::create_directories(floorDirectory / "tasks");
@@ -348,10 +354,15 @@ void BM_PerTaskFloor(benchmark::State& state) {
             struct stat inventoryStat{};
             if (::stat(inventoryPath.c_str(), &inventoryStat) != 0) std::abort();
             const int taskFd = ::open(taskPaths[i].c_str(), O_RDONLY);
-            if (taskFd < 0 || ::read(taskFd, buffer.data(), buffer.size()) <= 0) std::abort();
+            const ssize_t taskLength = ::read(taskFd, buffer.data(), buffer.size());
+            if (taskFd < 0 || taskLength <= 0) std::abort();
             ::close(taskFd);
+            const auto task = adapter->fromJson<tern::QueueTask>(
+                Bytes(buffer.begin(), buffer.begin() + taskLength), false);
+            if (!task) std::abort();
 
-            sender.send(bench->tasks[i].data);
+            if (globalData->httpRequestsPauseEnds()) std::abort();
+            sender.send(task->data);
 
             // "[" + the entries after the first one and its comma + "]"; the last leaves "[]".
             inventory.erase(1, std::min(entryLengths[i] + 1, inventory.size() - 2));
