@@ -234,7 +234,7 @@ CreateQueueStorageTaskResult FileManagerQueueStorage::create(
     // The task file comes first: an entry in the inventory must always find its file. If a
     // later step fails, the file stays behind unlisted, which nobody reads.
     QueueTask task{vontu::platform::newUuidString(), type, data, QueueTaskRunResults{0}};
-    if (!saveTask(task)) return failedCreate(countBefore);
+    if (!saveTask(task, task.storageId)) return failedCreate(countBefore);
 
     QueueTaskMetadata metadata{task.storageId, type, std::nullopt, std::nullopt, dateUtil_->now()};
     if (groupStart) metadata.groupStart = groupStart->string();
@@ -270,7 +270,9 @@ bool FileManagerQueueStorage::update(const std::string& storageId,
     auto task = get(storageId);
     if (!task) return false;
     task->runResults = runResults;
-    return saveTask(*task);
+    // Under the id asked for: a file whose storage_id says otherwise must not overwrite
+    // another task's file.
+    return saveTask(*task, storageId);
 }
 
 std::optional<QueueTask> FileManagerQueueStorage::get(const std::string& storageId) {
@@ -333,10 +335,10 @@ std::vector<QueueTaskMetadata> FileManagerQueueStorage::expiredTasks(
     return {expired.begin(), expired.end()};
 }
 
-bool FileManagerQueueStorage::saveTask(const QueueTask& task) {
+bool FileManagerQueueStorage::saveTask(const QueueTask& task, const std::string& fileId) {
     auto data = jsonAdapter_->toJson(task);
     if (!data) return false;
-    return fileStorage_->save(FileType::queueTask, *data, task.storageId);
+    return fileStorage_->save(FileType::queueTask, *data, fileId);
 }
 
 CreateQueueStorageTaskResult FileManagerQueueStorage::failedCreate(std::int64_t countBefore) const {

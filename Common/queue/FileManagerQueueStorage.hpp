@@ -74,7 +74,8 @@ private:
     // keeps its old contents, which the next read finds).
     bool writeInventory();
     // Writes the task file of task.storageId. False when encoding or writing fails.
-    bool saveTask(const QueueTask& task);
+    // Writes the task file named by fileId (the task's own id, or the id it was read under).
+    bool saveTask(const QueueTask& task, const std::string& fileId);
     // The entry as the JSON adapter writes it.
     std::optional<std::string> encodeEntry(const QueueTaskMetadata& entry) const;
     CreateQueueStorageTaskResult failedCreate(std::int64_t countBefore) const;

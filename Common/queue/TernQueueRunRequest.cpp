@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <future>
+#include <limits>
 #include <optional>
 #include <utility>
 
@@ -144,7 +145,9 @@ private:
 
     void countFailedRun(const QueueTask& task, const std::string& id) {
         const QueueTaskRunResults previous = task.runResults;
-        const QueueTaskRunResults updated{previous.totalRuns + 1};
+        // Saturated: a task file may hold any count, and one more than the largest has no value.
+        const bool atMost = previous.totalRuns == std::numeric_limits<std::int64_t>::max();
+        const QueueTaskRunResults updated{atMost ? previous.totalRuns : previous.totalRuns + 1};
         logger_->debug("queue task " + id + " updating run history\nfrom: " +
                        previous.description() + " to: " + updated.description());
         storage_->update(task.storageId, updated);
@@ -201,8 +204,17 @@ void TernQueueRunRequest::start(Completion onComplete) {
     threadUtil_->runBackground([run] { run->runTasks(); });
 }
 
+// The first 5 characters, counted as code points, so that a character is never cut in two.
 std::string TernQueueRunRequest::shortTaskId(const std::string& storageId) {
-    return storageId.substr(0, 5);
+    std::size_t end = 0;
+    for (int characters = 0; characters < 5 && end < storageId.size(); ++characters) {
+        ++end;
+        // Continuation bytes (10xxxxxx) belong to the character before.
+        while (end < storageId.size() && (static_cast<unsigned char>(storageId[end]) & 0xC0) == 0x80) {
+            ++end;
+        }
+    }
+    return storageId.substr(0, end);
 }
 
 }  // namespace tern

@@ -80,6 +80,10 @@ struct OpenedFile {
 
 constexpr off_t kLargestFileRead = 64 * 1024 * 1024;
 
+// A path with a NUL in it is cut short where the system reads it, and would name another file
+// (or a directory above it): every file call refuses one.
+bool cutShort(const fs::path& path) { return path.native().find('\0') != std::string::npos; }
+
 std::expected<OpenedFile, FileError> openAndRead(const fs::path& path) {
     const auto failure = [&path](int error) {
         return std::unexpected(
@@ -87,6 +91,7 @@ std::expected<OpenedFile, FileError> openAndRead(const fs::path& path) {
     };
     // Non-blocking until it is known to be a regular file: opening a FIFO would otherwise wait
     // for a writer that may never come.
+    if (cutShort(path)) return failure(EINVAL);
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return failure(errno);
     const auto fail = [fd, &failure](int error) {
@@ -258,6 +263,7 @@ std::expected<std::shared_ptr<const FilePin>, FileError> LinuxEnv::rewriteFile(
         return std::unexpected(
             fileError("Could not write the file", path, {error, std::generic_category()}));
     };
+    if (cutShort(path)) return failure(EINVAL);
     const fs::path scratch = path.parent_path() / ("." + path.filename().string() + ".scratch");
     // The scratch file is this call's own (callers serialise rewrites); O_NOFOLLOW keeps a link
     // planted there from redirecting the write.
@@ -278,6 +284,10 @@ std::expected<std::shared_ptr<const FilePin>, FileError> LinuxEnv::rewriteFile(
 }
 
 std::expected<void, FileError> LinuxEnv::writeFile(const fs::path& path, const Bytes& contents) {
+    if (cutShort(path)) {
+        return std::unexpected(
+            fileError("Could not write the file", path, {EINVAL, std::generic_category()}));
+    }
     const fs::path temporary =
         path.parent_path() / fmt::format(".{}.{}.tmp", path.filename().string(), newUuidString());
     std::FILE* file = std::fopen(temporary.c_str(), "wbx");
@@ -302,6 +312,9 @@ std::expected<void, FileError> LinuxEnv::writeFile(const fs::path& path, const B
 }
 
 std::expected<void, FileError> LinuxEnv::removeItem(const fs::path& path) {
+    if (cutShort(path)) {
+        return std::unexpected(fileError("Could not remove", path, {EINVAL, std::generic_category()}));
+    }
     // A file, the common case, in one call; a directory goes with all it holds.
     if (::unlink(path.c_str()) == 0) return {};
     if (errno == ENOENT) {
@@ -319,6 +332,9 @@ std::expected<void, FileError> LinuxEnv::removeItem(const fs::path& path) {
 std::expected<void, FileError> LinuxEnv::moveItem(const fs::path& from, const fs::path& to) {
     // renameat2 with RENAME_NOREPLACE would be atomic; link + unlink gives the same guarantee
     // on every file system that supports hard links, and fails cleanly where the target exists.
+    if (cutShort(from) || cutShort(to)) {
+        return std::unexpected(fileError("Could not move the file to", to, {EINVAL, std::generic_category()}));
+    }
     if (::link(from.c_str(), to.c_str()) != 0) {
         return std::unexpected(fileError("Could not move the file to", to, {errno, std::generic_category()}));
     }

@@ -154,6 +154,28 @@ TEST_F(FileManagerQueueStorageTest, GetUpdateAndDeleteKnownAndUnknownTasks) {
     EXPECT_EQ(readText(taskFile(id)), unreadable);
 }
 
+// Ids come from files anybody may have written. One that is no single file name touches no
+// file (a lone NUL named the tasks directory, which was then removed whole), and a task file
+// whose storage_id names another task is updated under its own name.
+TEST_F(FileManagerQueueStorageTest, IdsThatAreNoFileNameTouchNothingAndUpdatesKeepTheirFile) {
+    const auto kept = *create().createdTask;
+    for (const std::string& id : {std::string(1, '\0'), std::string("../../../x\0", 11),
+                                 std::string(".."), std::string("a/b")}) {
+        EXPECT_FALSE(storage->get(id));
+        EXPECT_FALSE(storage->update(id, QueueTaskRunResults{1}));
+        EXPECT_FALSE(storage->deleteTask(id));
+    }
+    EXPECT_TRUE(fs::exists(taskFile(kept.taskPersistedId)));
+    EXPECT_EQ(storage->getInventory(), std::vector{kept});
+
+    const std::string keptBefore = readText(taskFile(kept.taskPersistedId));
+    writeText(taskFile("A"), R"({"data":"e30=","run_results":{"total_runs":0},"storage_id":")" +
+                                 kept.taskPersistedId + R"(","type":"t"})");
+    ASSERT_TRUE(storage->update("A", QueueTaskRunResults{5}));
+    EXPECT_EQ(readText(taskFile(kept.taskPersistedId)), keptBefore);
+    EXPECT_EQ(storage->get("A")->runResults.totalRuns, 5);
+}
+
 TEST_F(FileManagerQueueStorageTest, InventoryOfOtherWritersIsReadAndUnreadableOneReadsAsEmpty) {
     // Fractional dates, null group keys and unknown keys are all read.
     writeText(queueFile("inventory.json"),

@@ -12,10 +12,13 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include <limits>
 #include <nlohmann/json.hpp>
 
 #include "Common/DIGraph.hpp"
 #include "Common/hooks/ModuleHookProvider.hpp"
+#include "Common/queue/TernQueueRunRequest.hpp"
 #include "Common/queue/TrackDeliveryEventRequestBody.hpp"
 #include "Common/util/TernThreadUtil.hpp"
 #include "tests/common/RecordingLogger.hpp"
@@ -233,6 +236,15 @@ TEST_F(QueueRunsTest, FailedTasksAreCountedAndMembersOfTheirGroupsWaitWhileOther
               (Ids{"opener", "rejected", "opener", "loose", "opener", "other-member", "opener"}));
     EXPECT_EQ(totalRunsOf(ids[0]), 4);
     EXPECT_EQ(inventoryIds(), (Ids{ids[0], ids[1]}));
+
+    // A task file may hold any count: the largest stays as it is rather than wrapping round.
+    constexpr auto largest = std::numeric_limits<std::int64_t>::max();
+    ASSERT_TRUE(graph().queueStorage()->update(ids[0], QueueTaskRunResults{largest}));
+    ASSERT_TRUE(runQueue());
+    EXPECT_EQ(totalRunsOf(ids[0]), largest);
+    // Log lines shorten ids by characters, never cutting one in two.
+    EXPECT_EQ(TernQueueRunRequest::shortTaskId("\u00e9\u00e9\u00e9\u00e9\u00e9\u00e9"),
+              "\u00e9\u00e9\u00e9\u00e9\u00e9");
 }
 
 // Other tasks are offered to the modules in turn: the taker's outcome is the task's, and one
