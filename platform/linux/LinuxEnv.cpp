@@ -214,11 +214,15 @@ LinuxEnv::LinuxEnv(HostSettings settings)
       loop_(std::make_unique<Loop>()) {}
 
 LinuxEnv::~LinuxEnv() {
+    // Cancelled and released outside the lock: the cancelled tasks' completions run meanwhile
+    // and may ask for the shared session themselves.
+    std::shared_ptr<UrlSession> shared;
     {
         std::lock_guard lock(sharedSessionMutex_);
-        if (sharedSession_) sharedSession_->invalidateAndCancel();
-        sharedSession_.reset();
+        shared = std::move(sharedSession_);
     }
+    if (shared) shared->invalidateAndCancel();
+    shared.reset();
     if (loop_->pool) loop_->pool->join();
     loop_->main.stop();
 }
