@@ -10,6 +10,8 @@
 #include <regex>
 #include <sstream>
 
+#include "platform/FileName.hpp"
+
 namespace vontu::hosts {
 
 void addPlatformOptions(CLI::App& app, platform::linux_host::HostSettings& settings) {
@@ -80,10 +82,7 @@ std::expected<nlohmann::json, std::string> parseJsonText(std::string_view text,
 
 std::string directoryNameProblem(const std::string& value) {
     if (value.empty()) return "must not be empty";
-    if (value.find('/') != std::string::npos || value == "." || value == "..") {
-        return "must be a single name, without \"/\"";
-    }
-    return "";
+    return platform::isSingleFileName(value) ? "" : "must be a single name, without \"/\"";
 }
 
 CLI::Validator secondsUpToADay(bool zeroAllowed) {

@@ -4,6 +4,7 @@
 
 #include "Common/storage/StorageNames.hpp"
 #include "platform/Env.hpp"
+#include "platform/FileName.hpp"
 
 namespace tern {
 
@@ -15,20 +16,14 @@ namespace {
 
 constexpr std::string_view fileSuffix = ".json";
 
-// A name that stays one entry of its directory. Ids come from files that anybody may have
-// written: a "/" or ".." would reach out of the directory, and a NUL would cut the path short
-// where the system reads it (a task id of NUL alone names the tasks directory itself).
-bool isSingleName(std::string_view name) {
-    return !name.empty() && name != "." && name != ".." &&
-           name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
-}
-
 std::optional<std::string> fileName(FileType type, const std::optional<std::string>& fileId) {
     std::string name;
     switch (type) {
         case FileType::queueInventory: name = "inventory.json"; break;
         case FileType::queueTask:
-            if (!fileId || !isSingleName(*fileId)) return std::nullopt;
+            // Ids come from files that anybody may have written: a task id of NUL alone, say,
+            // would name the tasks directory itself.
+            if (!fileId || !vontu::platform::isSingleFileName(*fileId)) return std::nullopt;
             name = *fileId;
             break;
     }
@@ -44,7 +39,7 @@ FileManagerFileStorage::FileManagerFileStorage(std::string siteId, std::shared_p
 std::optional<fs::path> FileManagerFileStorage::filePath(
     FileType type, const std::optional<std::string>& fileId) const {
     auto name = fileName(type, fileId);
-    if (!name || !isSingleName(siteId_)) return std::nullopt;
+    if (!name || !vontu::platform::isSingleFileName(siteId_)) return std::nullopt;
     auto base = Env::current().applicationSupportDirectory();
     if (!base) return std::nullopt;
     // Joined as text: every file operation of the queue comes here.
