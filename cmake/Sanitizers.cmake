@@ -2,8 +2,11 @@ if(VONTU_SANITIZE STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
   add_link_options(-fsanitize=address,undefined)
 elseif(VONTU_SANITIZE STREQUAL "thread")
-  # -Wno-tsan: asio uses atomic_thread_fence, which ThreadSanitizer does not model; gcc warns.
-  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer -Wno-tsan)
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # asio uses atomic_thread_fence, which ThreadSanitizer does not model; gcc warns.
+    add_compile_options(-Wno-tsan)
+  endif()
   add_link_options(-fsanitize=thread)
 elseif(NOT VONTU_SANITIZE STREQUAL "")
   message(FATAL_ERROR "VONTU_SANITIZE must be empty, 'address' or 'thread'")

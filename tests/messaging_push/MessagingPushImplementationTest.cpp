@@ -127,14 +127,13 @@ TEST_F(ExtensionPushTest, DoesNothingBeforeTheLibraryIsInitialised) {
 TEST_F(ExtensionPushTest, RequestsFromManyThreadsAreEachRegisteredOnce) {
     constexpr std::size_t threads = 4, identifiers = 8;
     std::vector<ContentRecorder> recorders(threads * identifiers);
-    {
-        std::vector<std::jthread> starters;
-        for (std::size_t t = 0; t < threads; ++t) {
-            starters.emplace_back([&, t] {
-                for (std::size_t i = 0; i < identifiers; ++i) start(handler_, "request-" + std::to_string(i), recorders[t * identifiers + i]);
-            });
-        }
+    std::vector<std::thread> starters;
+    for (std::size_t t = 0; t < threads; ++t) {
+        starters.emplace_back([&, t] {
+            for (std::size_t i = 0; i < identifiers; ++i) start(handler_, "request-" + std::to_string(i), recorders[t * identifiers + i]);
+        });
     }
+    for (auto& starter : starters) starter.join();
     EXPECT_EQ(client_->urls.size(), identifiers);
     handler_.stopAll();
     std::size_t delivered = 0;

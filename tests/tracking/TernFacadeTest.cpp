@@ -71,9 +71,11 @@ TEST(TernFacadeTest, CallsRacingInitializationSeeAWholeObject) {
             }
         }
     };
-    std::jthread first(use), second(use);
+    std::thread first(use), second(use);
     for (int round = 0; round < 5; ++round) site.initialize();
     stop = true;
+    first.join();
+    second.join();
 }
 
 }  // namespace

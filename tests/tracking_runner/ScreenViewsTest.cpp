@@ -22,8 +22,8 @@ struct FakeWindow final : Window {
     Ptr root;
 };
 
-// A controller, or a container of the kind Base: tabs showing the selected one, or a navigation
-// stack showing its top.
+// A controller, or a container of the kind Base with its children: tabs showing the selected
+// one, or a navigation stack showing its top.
 template <class Base>
 struct Fake : Base {
     explicit Fake(std::string named, Text titled = {}) : name(named), titleText(titled) {}
@@ -31,9 +31,6 @@ struct Fake : Base {
     Text title() override { return titleText; }
     std::shared_ptr<Window> viewWindow() override { return window; }
     Ptr presentedViewController() override { return presented; }
-    std::vector<Ptr> viewControllers() { return children; }
-    Ptr selectedViewController() { return tab < children.size() ? children[tab] : nullptr; }
-    Ptr visibleViewController() { return children.empty() ? nullptr : children.back(); }
     std::string name;
     Text titleText;
     std::shared_ptr<Window> window;
@@ -42,6 +39,18 @@ struct Fake : Base {
     std::size_t tab = 0;
 };
 using FakeViewController = Fake<ViewController>;
+
+struct FakeTabs final : Fake<TabBarController> {
+    using Fake::Fake;
+    std::vector<Ptr> viewControllers() override { return children; }
+    Ptr selectedViewController() override { return tab < children.size() ? children[tab] : nullptr; }
+};
+
+struct FakeNavigation final : Fake<NavigationController> {
+    using Fake::Fake;
+    std::vector<Ptr> viewControllers() override { return children; }
+    Ptr visibleViewController() override { return children.empty() ? nullptr : children.back(); }
+};
 
 struct FakeScene final : Scene {
     FakeScene(ActivationState s, bool withWindow, Ptr root)
@@ -64,9 +73,9 @@ struct FakeApplication final : Application {
 
 TEST(VisibleViewControllerTest, FollowsPresentationsTabsAndNavigationStacks) {
     auto thread = make_shared<FakeViewController>("Thread");
-    auto navigation = make_shared<Fake<NavigationController>>("Navigation");
+    auto navigation = make_shared<FakeNavigation>("Navigation");
     navigation->children = {make_shared<FakeViewController>("Mailboxes"), thread};
-    auto tabs = make_shared<Fake<TabBarController>>("Tabs");
+    auto tabs = make_shared<FakeTabs>("Tabs");
     tabs->children = {navigation, make_shared<FakeViewController>("Settings")};
     EXPECT_EQ(findVisibleViewController(tabs), thread);
     tabs->tab = 1;

@@ -115,9 +115,9 @@ TEST(QLXNotificationHelperBadge, ThreadsDrawingAtOnceGetTheSamePicture) {
     auto draw = [] { return QLXNotificationHelper::initialForSenderName("Jane", "j@example.com"); };
     const auto expected = draw();
     std::vector<std::optional<platform::Bytes>> drawn(4);
-    std::vector<std::jthread> threads;
+    std::vector<std::thread> threads;
     for (auto& picture : drawn) threads.emplace_back([&picture, &draw] { picture = draw(); });
-    threads.clear();  // joins them
+    for (auto& thread : threads) thread.join();
     ASSERT_TRUE(expected.has_value());
     for (const auto& picture : drawn) EXPECT_EQ(picture, expected);
 }
