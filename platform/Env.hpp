@@ -13,16 +13,13 @@
 #include "platform/Bytes.hpp"
 #include "platform/Date.hpp"
 #include "platform/DefaultsSuite.hpp"
+#include "platform/FileError.hpp"
+#include "platform/FileLock.hpp"
 #include "platform/ImageCanvas.hpp"
 #include "platform/SystemLog.hpp"
 #include "platform/UrlSession.hpp"
 
 namespace vontu::platform {
-
-// A failed file or directory operation, with a text fit for a log line.
-struct FileError {
-    std::string localizedDescription;
-};
 
 // What tells one state of a file from another without reading it: which file it is on its
 // device, its length, and when its contents and its status last changed. A file replaced
@@ -121,6 +118,9 @@ public:
                                                     const std::filesystem::path& to) = 0;
     virtual std::expected<void, FileError> createDirectories(const std::filesystem::path& path) = 0;
     virtual bool fileExists(const std::filesystem::path& path) = 0;
+    // An inter-process lock on the file at path (see FileLock); the file is opened and made
+    // when first locked. Never null.
+    virtual std::unique_ptr<FileLock> newFileLock(const std::filesystem::path& path) = 0;
 
     // --- Directories under the state root (created on demand; absent when that fails).
     virtual std::optional<std::filesystem::path> appGroupContainer(const std::string& groupId) = 0;
@@ -212,6 +212,9 @@ public:
         return target_.createDirectories(p);
     }
     bool fileExists(const std::filesystem::path& p) override { return target_.fileExists(p); }
+    std::unique_ptr<FileLock> newFileLock(const std::filesystem::path& p) override {
+        return target_.newFileLock(p);
+    }
     std::optional<std::filesystem::path> appGroupContainer(const std::string& g) override {
         return target_.appGroupContainer(g);
     }

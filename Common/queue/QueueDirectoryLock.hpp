@@ -14,17 +14,17 @@ namespace tern {
 // app and its extensions share one queue, and two read-modify-writes of the inventory that
 // interleave would lose an entry.
 //
-// It is an advisory lock (flock) on "<application support>/dev.tern/<site id>/queue/.lock".
-// Within the process it is recursive: every QueueDirectoryLock of the same directory shares
-// one lock file, the thread that holds it may take it again, and the file lock is released
-// when the outermost take is released. Take it after the in-process queue lock and release it
-// before, so the two are always taken in the same order.
+// It is the platform's inter-process lock (Env::newFileLock) on
+// "<application support>/dev.tern/<site id>/queue/.lock". Within the process it is recursive:
+// every QueueDirectoryLock of the same directory shares one lock file, the thread that holds it
+// may take it again, and the file lock is released when the outermost take is released. Take
+// it after the in-process queue lock and release it before, so the two are always taken in the
+// same order.
 //
 // If the lock file cannot be opened (or locked), operations go ahead without it, guarded only
 // by the in-process lock; that is reported with one error line per directory and process.
-// A child made by fork opens a lock file of its own (the inherited one would share the
-// parent's lock); like any lock, it must not be taken in a child forked while it was held.
-// Usable with std::lock_guard.
+// A child made by fork takes a lock of its own (see FileLock); like any lock, it must not be
+// taken in a child forked while it was held. Usable with std::lock_guard.
 class QueueDirectoryLock {
 public:
     QueueDirectoryLock(const std::string& siteId, std::shared_ptr<Logger> logger);

@@ -22,6 +22,7 @@
 #include "platform/Crypto.hpp"
 #include "platform/linux/CairoImageCanvas.hpp"
 #include "platform/linux/CurlUrlSession.hpp"
+#include "platform/linux/FlockFileLock.hpp"
 #include "platform/linux/SqliteDefaultsSuite.hpp"
 
 namespace vontu::platform::linux_host {
@@ -358,6 +359,10 @@ std::expected<void, FileError> LinuxEnv::createDirectories(const fs::path& path)
 bool LinuxEnv::fileExists(const fs::path& path) {
     std::error_code ec;
     return fs::exists(path, ec);
+}
+
+std::unique_ptr<FileLock> LinuxEnv::newFileLock(const fs::path& path) {
+    return std::make_unique<FlockFileLock>(path);
 }
 
 std::optional<fs::path> LinuxEnv::directoryUnderHome(const fs::path& relative) {

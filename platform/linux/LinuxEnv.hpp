@@ -67,6 +67,7 @@ public:
                                             const std::filesystem::path& to) override;
     std::expected<void, FileError> createDirectories(const std::filesystem::path& path) override;
     bool fileExists(const std::filesystem::path& path) override;
+    std::unique_ptr<FileLock> newFileLock(const std::filesystem::path& path) override;
     std::optional<std::filesystem::path> appGroupContainer(const std::string& groupId) override;
     std::optional<std::filesystem::path> applicationSupportDirectory() override;
     std::optional<std::filesystem::path> temporaryDirectory() override;

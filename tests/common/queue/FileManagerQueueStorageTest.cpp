@@ -19,6 +19,7 @@
 
 #include "Common/storage/FileManagerFileStorage.hpp"
 #include "tests/common/RecordingLogger.hpp"
+#include "tests/common/ScopedCurrentEnv.hpp"
 #include "tests/support/TestEnv.hpp"
 
 namespace tern {
@@ -26,6 +27,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::RecordingLogger;
+using testing::ScopedCurrentEnv;
 using vontu::platform::Bytes;
 using vontu::platform::Date;
 using vontu::platform::toBytes;
@@ -321,6 +323,33 @@ TEST_F(FileManagerQueueStorageTest, UnopenableLockFileIsReportedOnceAndOperation
     auto lockError = [](const std::string& e) { return e.starts_with("queue directory lock"); };
     ASSERT_EQ(std::ranges::count_if(errors, lockError), 1);
     EXPECT_TRUE(std::ranges::find_if(errors, lockError)->ends_with(": Is a directory"));
+}
+
+// The lock goes through the platform, so an environment can fail it: the storage reports that
+// once and goes on under its in-process lock.
+TEST_F(FileManagerQueueStorageTest, ALockThePlatformFailsIsReportedOnceAndOperationsGoOn) {
+    struct FailingLock final : vontu::platform::FileLock {
+        std::expected<void, vontu::platform::FileError> lock() override {
+            return std::unexpected(vontu::platform::FileError{"no locks today"});
+        }
+        std::expected<bool, vontu::platform::FileError> tryLock() override { return false; }
+        void unlock() override {}
+        std::optional<std::uint64_t> readCounter() override { return std::nullopt; }
+        bool writeCounter(std::uint64_t) override { return false; }
+    };
+    struct NoLocksEnv final : vontu::platform::EnvWrapper {
+        using EnvWrapper::EnvWrapper;
+        std::unique_ptr<vontu::platform::FileLock> newFileLock(const fs::path&) override {
+            return std::make_unique<FailingLock>();
+        }
+    } noLocks(vontu::platform::Env::current());
+    ScopedCurrentEnv scoped(noLocks, noLocks.target());
+    for (int i = 0; i < 2; ++i) EXPECT_TRUE(create().success);
+    EXPECT_EQ(storage->getInventory().size(), 2u);
+    const auto errors = logger->messages(RecordingLogger::Level::error);
+    EXPECT_EQ(std::ranges::count(errors, "queue directory lock unavailable, other processes are "
+                                         "not kept out of the queue: no locks today"),
+              1);
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -138,6 +140,44 @@ TEST(LinuxEnvFiles, TheHomeComesFromTheOptionThenTheEnvironment) {
     EXPECT_EQ(resolveHome(""), fs::path("/tmp/xdg/vontu"));
     ::unsetenv("XDG_DATA_HOME");
     EXPECT_EQ(resolveHome(""), fs::path(std::getenv("HOME")) / ".local" / "share" / "vontu");
+}
+
+// What another process's tryLock answers, from a forked child: 1 taken, 0 held elsewhere.
+int tryLockInChild(const fs::path& path) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        auto lock = Env::current().newFileLock(path);
+        auto taken = lock->tryLock();
+        ::_exit(taken ? (*taken ? 1 : 0) : 2);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(LinuxEnvFileLock, ExcludesOtherProcessesKeepsACounterAndFollowsTheFileAtThePath) {
+    vontu::testing::TempDir dir;
+    const auto path = dir.path() / "queue.lock";
+    auto lock = Env::current().newFileLock(path);
+    EXPECT_FALSE(lock->readCounter().has_value()) << "only while held";
+    ASSERT_TRUE(lock->lock().has_value());
+    EXPECT_EQ(lock->readCounter(), 0u);
+    EXPECT_TRUE(lock->writeCounter(41));
+    EXPECT_EQ(lock->readCounter(), 41u);
+    // A child process does not share the lock it inherits: it is kept out like any other.
+    EXPECT_EQ(tryLockInChild(path), 0);
+    lock->unlock();
+    EXPECT_EQ(tryLockInChild(path), 1);
+
+    // A removed file: the lock is taken on a new file at the path, which others then wait for.
+    fs::remove(path);
+    ASSERT_EQ(lock->tryLock(), true);
+    EXPECT_TRUE(fs::exists(path));
+    EXPECT_EQ(lock->readCounter(), 0u);
+    EXPECT_EQ(tryLockInChild(path), 0);
+
+    auto inMissingDirectory = Env::current().newFileLock(dir.path() / "none" / "x.lock");
+    EXPECT_FALSE(inMissingDirectory->lock().has_value());
 }
 
 TEST(LinuxEnvDevice, PreferredLanguagesAndLocaleComeFromTheEnvironment) {
