@@ -10,8 +10,11 @@
 
 namespace vontu::platform {
 
-// Digests, encodings and random identifiers, on OpenSSL and libuuid. OpenSSL's libcrypto is
-// opened on first use; on a system where it cannot be opened, md5 gives zeros, base64Encode an
+// Digests, encodings and random identifiers. The platform implementation provides them (they
+// are linked, not reached through Env, since they hold no state): on Linux vontu_crypto_linux,
+// on OpenSSL and libuuid (platform/linux/Crypto.cpp); on the phone CommonCrypto, Foundation's
+// base64 and UUID, and SecRandomCopyBytes would. All may be called from any thread and never
+// throw. Where the system's digest library cannot be loaded, md5 gives zeros, base64Encode an
 // empty text and base64Decode nothing.
 
 std::array<std::uint8_t, 16> md5(std::string_view bytes);
