@@ -45,12 +45,13 @@ std::string_view TernApiEndpoint::method() const {
 }
 
 std::string TernApiEndpoint::path() const {
+    const std::string customer = "/api/v1/customers/" + percentEncodedPathSegment(identifier_);
     switch (kind_) {
-        case Kind::identifyCustomer: return "/api/v1/customers/" + identifier_;
-        case Kind::registerDevice: return "/api/v1/customers/" + identifier_ + "/devices";
+        case Kind::identifyCustomer: return customer;
+        case Kind::registerDevice: return customer + "/devices";
         case Kind::deleteDevice:
-            return "/api/v1/customers/" + identifier_ + "/devices/" + deviceToken_;
-        case Kind::trackCustomerEvent: return "/api/v1/customers/" + identifier_ + "/events";
+            return customer + "/devices/" + percentEncodedPathSegment(deviceToken_);
+        case Kind::trackCustomerEvent: return customer + "/events";
         case Kind::findAccountRegion: return "/api/v1/accounts/region";
         case Kind::pushMetrics: return "/push/events";
         case Kind::trackDeliveryMetrics: return "/api/v1/tern_deliveries/events";

@@ -9,9 +9,9 @@
 
 namespace tern {
 
-// One call of the Tern tracking API. Identifiers and tokens go into the path exactly as given,
-// with no percent-encoding: a value that is not URL-safe makes getUrl() absent rather than
-// silently addressing another resource.
+// One call of the Tern tracking API. Identifiers and tokens go into the path percent-encoded,
+// each as exactly one segment: whatever a profile is called ("user#1", "a/b", "..", "José"),
+// its requests reach that profile's resources and no other endpoint.
 class TernApiEndpoint {
 public:
     enum class Kind {
@@ -40,7 +40,7 @@ public:
 
     // "PUT", "DELETE", "POST" or "GET".
     std::string_view method() const;
-    // "/api/v1/customers/<identifier>" and so on.
+    // "/api/v1/customers/<identifier>" and so on, identifier and token percent-encoded.
     std::string path() const;
 
     // The base URL with at most one trailing "/" removed, then the path; "" for an empty base.

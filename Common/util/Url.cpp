@@ -122,4 +122,28 @@ std::optional<Url> Url::parse(std::string_view text) {
     return url;
 }
 
+std::string percentEncodedPathSegment(std::string_view text) {
+    static constexpr std::string_view keptAsIs = "-._~!$&'()*+,;=:@";
+    static constexpr char hex[] = "0123456789ABCDEF";
+    auto escape = [](std::string& out, unsigned char byte) {
+        out += '%';
+        out += hex[byte >> 4];
+        out += hex[byte & 0x0F];
+    };
+    std::string encoded;
+    encoded.reserve(text.size());
+    const bool dotSegment = text == "." || text == "..";
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        const bool alphanumeric = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
+                                  (byte >= '0' && byte <= '9');
+        if ((alphanumeric || keptAsIs.find(c) != std::string_view::npos) && !dotSegment) {
+            encoded += c;
+        } else {
+            escape(encoded, byte);
+        }
+    }
+    return encoded;
+}
+
 }  // namespace tern

@@ -43,4 +43,10 @@ private:
     std::optional<std::string> query_;
 };
 
+// text as one segment of a URL path: every byte but the characters a segment may hold as they
+// are (letters, digits, "-._~!$&'()*+,;=:@") is percent-encoded, so "/", "?", "#", "%", blanks
+// and non-ASCII bytes never end the segment or change what it names; "." and ".." become
+// "%2E" and "%2E%2E", which no URL parser takes for a step up or sideways.
+std::string percentEncodedPathSegment(std::string_view text);
+
 }  // namespace tern

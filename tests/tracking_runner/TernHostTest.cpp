@@ -127,6 +127,25 @@ TEST_F(TernHostTest, EachCommandSendsItsRequest) {
     EXPECT_EQ(queueStatus()["numTasksInQueue"], 0);
 }
 
+// A profile's requests reach that profile whatever it is called: never another profile's
+// resources, another endpoint, or nothing at all.
+TEST_F(TernHostTest, ProfileIdentifiersAreSentAsOneLiteralPathSegment) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"user#1", "user%231"}, {"a/b", "a%2Fb"},          {"..", "%2E%2E"},
+        {"x y", "x%20y"},       {"Jos\xC3\xA9", "Jos%C3%A9"}, {"q?x=1", "q%3Fx=1"},
+    };
+    for (const auto& [identifier, segment] : cases) {
+        SCOPED_TRACE(identifier);
+        const auto identify = sentBy({"identify", identifier});
+        EXPECT_EQ(identify.method + " " + identify.target, "PUT /api/v1/customers/" + segment);
+        EXPECT_EQ(identify.path, "/api/v1/customers/" + identifier);
+        const auto event = sentBy({"track", "opened"});
+        EXPECT_EQ(event.method + " " + event.target,
+                  "POST /api/v1/customers/" + segment + "/events");
+    }
+    EXPECT_EQ(queueStatus()["numTasksInQueue"], 0);
+}
+
 // A Tern push with the given link, written where `tern open` can read it.
 std::string writeTernPush(const vontu::testing::TempDir& dir, const std::string& name,
                           const json& link) {

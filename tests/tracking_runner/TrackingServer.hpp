@@ -19,7 +19,8 @@ class TrackingServer {
 public:
     struct Request {
         std::string method;
-        std::string path;
+        std::string path;    // percent escapes decoded
+        std::string target;  // as the request line has it
         httplib::Headers headers;  // looked up without regard to case
         std::string body;
 
@@ -59,7 +60,8 @@ private:
     // which also orders them before their first use by the hosts' processes.
     vontu::testing::LoopbackServer server_{[this](httplib::Server& server) {
         auto handler = [this](const httplib::Request& request, httplib::Response& response) {
-            Request received{request.method, request.path, request.headers, request.body};
+            Request received{request.method, request.path, request.target, request.headers,
+                             request.body};
             std::lock_guard guard(mutex_);
             response.status = statusRule_ ? statusRule_(received).value_or(200) : 200;
             response.set_content("{}", "application/json");

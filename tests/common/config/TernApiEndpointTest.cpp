@@ -24,14 +24,33 @@ TEST(TernApiEndpointTest, UrlsJoinTheBaseWithoutOneTrailingSlash) {
     EXPECT_EQ(region.getUrlString(HttpBaseUrls{"https://track.example"}), "https://track.example/api/v1/accounts/region");
 }
 
-TEST(TernApiEndpointTest, IdentifiersAreInsertedUnescaped) {
-    HttpBaseUrls base{"https://track.example"};
-    auto endpoint = TernApiEndpoint::deleteDevice("jane doe", "tok");
-    EXPECT_EQ(endpoint.getUrlString(base), "https://track.example/api/v1/customers/jane doe/devices/tok");
-    EXPECT_EQ(endpoint.getUrl(base), std::nullopt);
-    auto url = TernApiEndpoint::identifyCustomer("jane%40example.com").getUrl(base);
-    ASSERT_TRUE(url.has_value());
-    EXPECT_EQ(url->absoluteString(), "https://track.example/api/v1/customers/jane%40example.com");
+// Whatever a profile or a token is called, its requests name that profile's resources and no
+// other path: each value is exactly one segment, taken literally.
+TEST(TernApiEndpointTest, IdentifiersAndTokensAreOneLiteralPathSegment) {
+    const HttpBaseUrls base{"https://track.example"};
+    const std::pair<std::string, std::string> cases[] = {
+        {"alice", "alice"},
+        {"alice@example.com", "alice@example.com"},
+        {"user#1", "user%231"},
+        {"what?x=1", "what%3Fx=1"},
+        {"a/b", "a%2Fb"},
+        {"..", "%2E%2E"},
+        {".", "%2E"},
+        {"...", "..."},
+        {"x y", "x%20y"},
+        {"Jos\xC3\xA9", "Jos%C3%A9"},
+        {"jane%40example.com", "jane%2540example.com"},
+    };
+    for (const auto& [identifier, segment] : cases) {
+        const auto identify = TernApiEndpoint::identifyCustomer(identifier).getUrl(base);
+        ASSERT_TRUE(identify.has_value()) << identifier;
+        EXPECT_EQ(identify->absoluteString(), "https://track.example/api/v1/customers/" + segment);
+        const auto remove = TernApiEndpoint::deleteDevice("p", identifier).getUrl(base);
+        ASSERT_TRUE(remove.has_value()) << identifier;
+        EXPECT_EQ(remove->absoluteString(),
+                  "https://track.example/api/v1/customers/p/devices/" + segment);
+    }
+    EXPECT_EQ(TernApiEndpoint::trackCustomerEvent("a/b").path(), "/api/v1/customers/a%2Fb/events");
 }
 
 }  // namespace
