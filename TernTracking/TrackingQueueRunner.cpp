@@ -74,15 +74,18 @@ void TrackingQueueRunner::send(
         return;
     }
     auto request = requestFor(*data);
-    if (!request) return;
+    if (!request) {
+        // Never sendable: answered as a task that cannot be read, so that the run goes on.
+        onComplete(std::unexpected(failureIfDontDecodeTaskData()));
+        return;
+    }
     performHttpRequest(request->endpoint, std::move(request->body), std::move(onComplete));
 }
 
 std::optional<TrackingQueueRunner::Request> TrackingQueueRunner::pushMetricRequest(
     const MetricRequest& metric) const {
     // A metric that decoded but does not encode again (a timestamp beyond whole seconds) is not
-    // sent and gets no answer: the queue then waits for it. This is how the library has always
-    // treated it; the adapter has logged the failure.
+    // sent; the adapter has logged why.
     auto body = jsonAdapter_->toJson(metric);
     if (!body) return std::nullopt;
     return Request{TernApiEndpoint::pushMetrics(), std::move(*body)};

@@ -115,7 +115,8 @@ FileManagerQueueStorage::FileManagerQueueStorage(std::shared_ptr<FileStorage> fi
       logger_(std::move(logger)),
       dateUtil_(std::move(dateUtil)),
       lock_(lockManager->getLock(LockReference::queueStorage)),
-      directoryLock_(siteId_, logger_) {
+      directoryLock_(siteId_, logger_),
+      runLease_(siteId_, logger_) {
     if (const auto lockFile = directoryLock_.lockFilePath()) {
         known_ = perDirectoryRecord<KnownInventory>(*lockFile);
     } else {
@@ -334,6 +335,10 @@ std::vector<QueueTaskMetadata> FileManagerQueueStorage::expiredTasks(
     }
     return {expired.begin(), expired.end()};
 }
+
+bool FileManagerQueueStorage::takeRunLease() { return runLease_.take(); }
+
+void FileManagerQueueStorage::releaseRunLease() { runLease_.release(); }
 
 bool FileManagerQueueStorage::saveTask(const QueueTask& task, const std::string& fileId) {
     auto data = jsonAdapter_->toJson(task);

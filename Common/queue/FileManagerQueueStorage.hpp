@@ -7,6 +7,7 @@
 
 #include "Common/config/SdkConfig.hpp"
 #include "Common/queue/QueueDirectoryLock.hpp"
+#include "Common/queue/QueueRunLease.hpp"
 #include "Common/queue/QueueStorage.hpp"
 #include "Common/storage/FileStorage.hpp"
 #include "Common/util/DateUtil.hpp"
@@ -53,6 +54,8 @@ public:
     std::optional<QueueTask> get(const std::string& storageId) override;
     bool deleteTask(const std::string& storageId) override;
     std::vector<QueueTaskMetadata> deleteExpired() override;
+    bool takeRunLease() override;
+    void releaseRunLease() override;
 
 private:
     // Both locks for the length of one operation, the in-process lock first.
@@ -91,6 +94,7 @@ private:
     std::shared_ptr<DateUtil> dateUtil_;
     std::shared_ptr<Lock> lock_;
     QueueDirectoryLock directoryLock_;
+    QueueRunLease runLease_;
     // Shared by every storage object of this queue directory in the process; guarded by the
     // directory lock (which serialises the process's threads even where the file lock cannot
     // be had).

@@ -41,6 +41,13 @@ public:
     // Deletes the tasks older than the configured expiry, except those that open a group.
     // Returns the entries deleted.
     virtual std::vector<QueueTaskMetadata> deleteExpired() = 0;
+
+    // The queue for one run, across the processes that share it: true when this object now has
+    // it, false (at once) when a run elsewhere has it. A run that has it works through the
+    // whole inventory, so one that does not get it has nothing to do.
+    virtual bool takeRunLease() = 0;
+    // Gives back what takeRunLease took; nothing when this object holds no lease.
+    virtual void releaseRunLease() = 0;
 };
 
 }  // namespace tern

@@ -4,6 +4,7 @@
 #include <future>
 #include <limits>
 #include <optional>
+#include <unordered_set>
 #include <utility>
 
 #include "Common/util/Utf8.hpp"
@@ -34,27 +35,26 @@ public:
           queryRunner_(std::move(queryRunner)) {}
 
     void runTasks() {
+        // Another process's run sends every task of the inventory, this process's included
+        // (it looks at the inventory again before each task): a second run would send them
+        // twice, and waiting for it could hold an extension for the rest of its time.
+        if (!storage_->takeRunLease()) {
+            logger_->info("queue is being run by another process, this run ends.");
+            finish();
+            return;
+        }
         while (keepRunning_) {
-            std::optional<QueueTaskMetadata> next;
-            std::size_t tasksLeft = 0;
-            {
-                // Let go of the inventory before the task runs: the storage then changes its
-                // list in place instead of copying it.
-                const auto inventory = storage_->getInventory();
-                next = queryRunner_->getNextTask(inventory.entries(), lastRanTask_,
-                                                 lastFailedTask_);
-                tasksLeft = inventory.size();
-            }
-            if (!next) {
+            auto next = nextTask();
+            if (!next && !keepLeaseForLateTasks()) {
                 finish();
                 return;
             }
+            if (!next) continue;
             const auto task = storage_->get(next->taskPersistedId);
             if (!task) {
-                endWithoutCompleting(*next);
-                return;
+                dropUnreadableTask(*next);
+                continue;
             }
-            logger_->debug("queue tasks left to run: " + std::to_string(tasksLeft));
             logger_->debug("queue next task to run: " + shortTaskId(task->storageId) + ",\n" +
                            task->type + ", " + dataText(task->data) + ", " +
                            task->runResults.description());
@@ -63,6 +63,49 @@ public:
     }
 
 private:
+    // The next task to try: the query runner's choice, passing over tasks that this run has
+    // tried already and that are still queued (failed ones), which are not tried twice.
+    std::optional<QueueTaskMetadata> nextTask() {
+        // Let go of the inventory before the task runs: the storage then changes its list in
+        // place instead of copying it.
+        const auto inventory = storage_->getInventory();
+        auto next = queryRunner_->getNextTask(inventory.entries(), lastRanTask_, lastFailedTask_);
+        while (next && triedAndKept_.contains(next->taskPersistedId)) {
+            lastRanTask_ = next;
+            next = queryRunner_->getNextTask(inventory.entries(), lastRanTask_, lastFailedTask_);
+        }
+        if (next) logger_->debug("queue tasks left to run: " + std::to_string(inventory.size()));
+        return next;
+    }
+
+    // Out of tasks: gives the lease back, then looks once more, because a process that added a
+    // task and found the lease taken left that task to this run. True when there is such a
+    // task and this run has the lease again.
+    bool keepLeaseForLateTasks() {
+        storage_->releaseRunLease();
+        return nextTask().has_value() && storage_->takeRunLease();
+    }
+
+    // A listed task whose file is missing or cannot be read can never run; its entry goes, so
+    // that it holds up neither this run nor any later one.
+    void dropUnreadableTask(const QueueTaskMetadata& entry) {
+        logger_->error("Tried to get queue task with storage id: " + entry.taskPersistedId +
+                       ", but storage couldn't find it.");
+        logger_->info("queue removing task " + shortTaskId(entry.taskPersistedId) +
+                      " whose file cannot be read.");
+        leftBehind(entry, storage_->deleteTask(entry.taskPersistedId));
+    }
+
+    // Notes a task this run is done with. One that is still queued (it failed, or deleting it
+    // failed) is the point the search goes on from, and is not tried again in this run; one
+    // that is gone leaves the search where it was, so that the tasks behind the last one kept
+    // are not looked at again from the front.
+    void leftBehind(const QueueTaskMetadata& entry, bool deleted) {
+        if (deleted) return;
+        triedAndKept_.insert(entry.taskPersistedId);
+        lastRanTask_ = entry;
+    }
+
     // Hands the task to the runner and blocks until its outcome has been dealt with. The
     // outcome is dealt with on the thread that reports it, while this thread waits, so the
     // two never touch the run's state at the same time.
@@ -96,9 +139,8 @@ private:
         const auto id = shortTaskId(task.storageId);
         logger_->debug("queue task " + id + " ran successfully");
         logger_->debug("queue deleting task " + id);
-        storage_->deleteTask(task.storageId);
         lastFailedTask_.reset();
-        lastRanTask_ = entry;
+        leftBehind(entry, storage_->deleteTask(task.storageId));
     }
 
     void handleFailure(const QueueTask& task, const QueueTaskMetadata& entry,
@@ -110,8 +152,9 @@ private:
                 stopBecausePaused(id);
                 return;
             case HttpRequestError::Kind::badRequest400:
-                deleteRejectedTask(task, error);
-                break;
+                lastFailedTask_ = entry;
+                leftBehind(entry, deleteRejectedTask(task, error));
+                return;
             case HttpRequestError::Kind::urlConstruction:
             case HttpRequestError::Kind::unsuccessfulStatusCode:
             case HttpRequestError::Kind::noOrBadNetwork:
@@ -122,7 +165,7 @@ private:
                 break;
         }
         lastFailedTask_ = entry;
-        lastRanTask_ = entry;
+        leftBehind(entry, false);
     }
 
     // Nothing will get through until the pause is over, so the run stops here. The task is
@@ -134,13 +177,13 @@ private:
     }
 
     // The service will answer the same request the same way every time.
-    void deleteRejectedTask(const QueueTask& task, const HttpRequestError& error) {
+    bool deleteRejectedTask(const QueueTask& task, const HttpRequestError& error) {
         logger_->error("Received HTTP 400 response while trying to " + task.type +
                        ". 400 responses never succeed and therefore, the SDK is deleting this "
                        "SDK request and not retry. Error message from API: " +
                        error.apiMessage() + ", request data sent: " +
                        std::to_string(task.data.size()) + " bytes");
-        storage_->deleteTask(task.storageId);
+        return storage_->deleteTask(task.storageId);
     }
 
     void countFailedRun(const QueueTask& task, const std::string& id) {
@@ -153,26 +196,14 @@ private:
         storage_->update(task.storageId, updated);
     }
 
-    // Ends the run. Everybody waiting is told on the calling thread: the loop's, or that of the
-    // outcome that stopped the run.
+    // Ends the run and gives the queue back to other processes. Everybody waiting is told on
+    // the calling thread: the loop's, or that of the outcome that stopped the run.
     void finish() {
         keepRunning_ = false;
+        storage_->releaseRunLease();
         logger_->debug("queue out of tasks to run.");
         queryRunner_->reset();
         requestManager_->requestComplete();
-    }
-
-    // An inventory entry whose task file is gone ends the run on the spot, and on purpose
-    // without finish(): the request manager stays in its running state for the rest of the
-    // process, so later start() calls only add callbacks, and no callback collected so far is
-    // ever called. The exclusions of the query runner stay too. The host process is
-    // short-lived (an extension, a command), and a run that cannot read its own queue is not
-    // tried again within it.
-    void endWithoutCompleting(const QueueTaskMetadata& entry) {
-        logger_->error("Tried to get queue task with storage id: " + entry.taskPersistedId +
-                       ", but storage couldn't find it.");
-        lastRanTask_ = entry;
-        lastFailedTask_ = entry;
     }
 
     const std::shared_ptr<QueueRunner> runner_;
@@ -184,6 +215,7 @@ private:
     // The run's state: the loop's, and an outcome's while the loop waits for it.
     std::optional<QueueTaskMetadata> lastRanTask_;
     std::optional<QueueTaskMetadata> lastFailedTask_;
+    std::unordered_set<std::string> triedAndKept_;
     bool keepRunning_ = true;
 };
 

@@ -37,10 +37,13 @@ void TernQueueRunner::runDeliveryMetricTask(const QueueTask& task,
     }
     // The body goes out as this library writes it, whatever spelling the task file has.
     auto encoded = jsonAdapter_->toJson(*body);
-    // A body that decoded but does not encode again is left without an answer, and the queue
-    // then waits for this task for good. Only a timestamp beyond the range of whole seconds can
-    // get here; the adapter has logged it.
-    if (!encoded) return;
+    // A body that decoded but does not encode again is never sendable: answered as a task that
+    // cannot be read, so that the run goes on. Only a timestamp beyond the range of whole
+    // seconds gets here; the adapter has logged it.
+    if (!encoded) {
+        onComplete(std::unexpected(failureIfDontDecodeTaskData()));
+        return;
+    }
     performHttpRequest(TernApiEndpoint::trackDeliveryMetrics(), std::move(*encoded),
                        std::move(onComplete));
 }

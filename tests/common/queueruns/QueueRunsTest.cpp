@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <mutex>
 #include <set>
@@ -218,24 +219,27 @@ TEST_F(QueueRunsTest, StartsDuringARunJoinItAndAreCalledInOrderWhenItEnds) {
 }
 
 // Tasks run in inventory order. A failed task (404: not retried) is counted and the search goes
-// on behind it, past the members of the group it opens; a rejected one (400) is deleted. Once
-// the task last run is gone, the search starts again at the front.
-TEST_F(QueueRunsTest, FailedTasksAreCountedAndMembersOfTheirGroupsWaitWhileOthersRun) {
+// on behind it, past the members of the group it opens; a rejected one (400) is deleted. No
+// task is tried twice in one run, however many succeed behind it.
+TEST_F(QueueRunsTest, FailedTasksAreCountedOnceAndMembersOfTheirGroupsWaitWhileOthersRun) {
     const auto group = QueueTaskGroup::identifiedProfile("ann");
     addDelivery("opener", group);
     addDelivery("member", {}, std::vector{group});
     addDelivery("rejected");
     addDelivery("loose");
+    addDelivery("failing");
     addDelivery("other-member", {}, std::vector{QueueTaskGroup::identifiedProfile("bob")});
+    addDelivery("last");
     const auto ids = inventoryIds();
     server.respond([](const std::string& id) {
-        return id == "opener" ? 404 : id == "rejected" ? 400 : 200;
+        return id == "opener" ? 404 : id == "rejected" ? 400 : id == "failing" ? 429 : 200;
     });
     ASSERT_TRUE(runQueue());
     EXPECT_EQ(server.receivedDeliveryIds(),
-              (Ids{"opener", "rejected", "opener", "loose", "opener", "other-member", "opener"}));
-    EXPECT_EQ(totalRunsOf(ids[0]), 4);
-    EXPECT_EQ(inventoryIds(), (Ids{ids[0], ids[1]}));
+              (Ids{"opener", "rejected", "loose", "failing", "other-member", "last"}));
+    EXPECT_EQ(totalRunsOf(ids[0]), 1);
+    EXPECT_EQ(totalRunsOf(ids[4]), 1);
+    EXPECT_EQ(inventoryIds(), (Ids{ids[0], ids[1], ids[4]}));
 
     // A task file may hold any count: the largest stays as it is rather than wrapping round.
     constexpr auto largest = std::numeric_limits<std::int64_t>::max();
@@ -292,21 +296,61 @@ TEST_F(QueueRunsTest, OutcomesReportedOnTheMainThreadDoNotBringTheRunThere) {
     EXPECT_TRUE(inventoryIds().empty());
 }
 
-TEST_F(QueueRunsTest, MissingTaskFileEndsTheRunAndLeavesTheManagerRunning) {
-    addDelivery("lost");
-    addDelivery("never-sent");
-    const auto lostId = inventoryIds().at(0);
-    std::filesystem::remove(*testEnv.env().applicationSupportDirectory() / "dev.tern" / siteId /
-                            "queue" / "tasks" / (lostId + ".json"));
-    std::atomic<int> completed{0};
-    graph().queue()->run([&] { ++completed; });
-    ASSERT_TRUE(logger->waitForMessage("Tried to get queue task with storage id: " + lostId +
+// A listed task whose file is gone, is a directory or is not a task can never run: its entry
+// is dropped and the run goes on to the others and ends as any run does.
+TEST_F(QueueRunsTest, ListedTasksWhoseFilesCannotBeReadAreDroppedAndTheRunGoesOn) {
+    for (const char* id : {"removed", "directory", "garbage", "sent"}) addDelivery(id);
+    const auto ids = inventoryIds();
+    const auto tasks =
+        *testEnv.env().applicationSupportDirectory() / "dev.tern" / siteId / "queue" / "tasks";
+    std::filesystem::remove(tasks / (ids[0] + ".json"));
+    std::filesystem::remove(tasks / (ids[1] + ".json"));
+    std::filesystem::create_directory(tasks / (ids[1] + ".json"));
+    std::ofstream(tasks / (ids[2] + ".json")) << "not a task";
+    ASSERT_TRUE(runQueue());
+    EXPECT_EQ(server.receivedDeliveryIds(), (Ids{"sent"}));
+    EXPECT_TRUE(inventoryIds().empty());
+    EXPECT_TRUE(logger->waitForMessage("Tried to get queue task with storage id: " + ids[0] +
                                            ", but storage couldn't find it.",
                                        generousDeadline));
-    graph().queue()->run([&] { ++completed; });
-    EXPECT_EQ(threads->backgroundJobs, 1);  // the second run() started nothing
-    EXPECT_EQ(completed, 0);
-    EXPECT_TRUE(server.received().empty());
+    addDelivery("next");
+    ASSERT_TRUE(runQueue());  // the manager is idle again
+    EXPECT_EQ(server.receivedDeliveryIds(), (Ids{"sent", "next"}));
+}
+
+// One run at a time works through a queue, across processes: the lease is a lock file, and a
+// second graph of the site stands for another process here. A run that finds the queue taken
+// ends at once, calling its callbacks; the run under way sends what it added.
+TEST_F(QueueRunsTest, ARunThatFindsTheQueueTakenEndsAtOnceAndTheOtherSendsItsTasks) {
+    addDelivery("first");
+    std::promise<void> arrived, release;
+    server.respond([&arrived, held = release.get_future().share()](const std::string& id) {
+        if (id == "first") {
+            arrived.set_value();
+            held.wait();
+        }
+        return 200;
+    });
+    auto firstRun = std::make_shared<std::promise<void>>();
+    graph().queue()->run([firstRun] { firstRun->set_value(); });
+    ASSERT_TRUE(ready(arrived.get_future()));
+
+    SdkConfig config = graph().sdkConfig();
+    DIGraph otherProcess(siteId, "k", config);
+    otherProcess.override<Logger>(logger);
+    auto body = TrackDeliveryEventRequestBody::inApp("second", InAppMetric::opened, {1.0});
+    ASSERT_TRUE(otherProcess.queue()
+                    ->addTask(TrackDeliveryEventRequestBody::queueTaskType, AnyEncodable(body))
+                    .success);
+    std::promise<void> otherRun;
+    otherProcess.queue()->run([&otherRun] { otherRun.set_value(); });
+    ASSERT_TRUE(ready(otherRun.get_future()));
+    EXPECT_EQ(logged(Level::info, "queue is being run by another process, this run ends."), 1);
+
+    release.set_value();
+    ASSERT_TRUE(ready(firstRun->get_future()));
+    EXPECT_EQ(server.receivedDeliveryIds(), (Ids{"first", "second"}));
+    EXPECT_TRUE(inventoryIds().empty());
 }
 
 TEST_F(QueueRunsTest, TasksAddedFromSeveralThreadsDuringRunsAreEachSentOnce) {
