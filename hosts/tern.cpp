@@ -21,6 +21,7 @@
 #include "Common/queue/Metric.hpp"
 #include "Common/queue/Queue.hpp"
 #include "Common/queue/QueueStorage.hpp"
+#include "Common/storage/StorageNames.hpp"
 #include "Common/util/Url.hpp"
 #include "TernTracking/Tern.hpp"
 #include "hosts/HostCommon.hpp"
@@ -28,6 +29,7 @@
 #include "messaging_push_fcm/MessagingPushFCM.hpp"
 #include "platform/NotificationJson.hpp"
 #include "hosts/SettlingEnv.hpp"
+#include "hosts/StoreFailureEnv.hpp"
 
 namespace {
 
@@ -35,6 +37,8 @@ using namespace vontu;
 using nlohmann::json;
 
 constexpr const char* kProgram = "tern";
+// The command's work, or the queue's, could not be stored.
+constexpr int kExitNotStored = 1;
 
 // --- Commands, each with its arguments already checked
 
@@ -415,8 +419,10 @@ void runCommand(const Command& command, tern::Tern& tern, tern::DIGraph& graph) 
 }
 
 // Initialises the library, runs the command and, with --flush, the queue; returns once all the
-// work they started has ended.
-int initializeAndRun(const Options& options, hosts::SettlingEnv& env) {
+// work they started has ended. Exits non-zero when something could not be stored: the library
+// drops a task it cannot write, and the user must not take it as queued.
+int initializeAndRun(const Options& options, hosts::SettlingEnv& env,
+                     hosts::StoreFailureEnv& storage) {
     tern::Tern::initialize(options.siteId, options.apiKey, tern::getRegion(options.region),
                            [&options](tern::SdkConfig& config) { config.modify(options.config); });
     // The app's push module: the FCM variant's set-up, which is the push module's own.
@@ -431,6 +437,10 @@ int initializeAndRun(const Options& options, hosts::SettlingEnv& env) {
         runQueueAndWait(*graph->queue());
         env.waitUntilSettled();
     }
+    if (const auto failure = storage.firstFailure()) {
+        hosts::printError(kProgram, "not stored: " + *failure);
+        return kExitNotStored;
+    }
     return 0;
 }
 
@@ -442,11 +452,14 @@ int main(int argc, char** argv) {
     if (auto exitCode = parseCommandLine(argc, argv, options)) return *exitCode;
 
     auto linuxEnv = std::make_unique<platform::linux_host::LinuxEnv>(options.settings);
-    hosts::SettlingEnv env(*linuxEnv);
+    // The site's files: its queue.
+    hosts::StoreFailureEnv storage(*linuxEnv, linuxEnv->applicationSupportDirectory().value_or("/") /
+                                                  tern::libraryDirectoryName / options.siteId);
+    hosts::SettlingEnv env(storage);
     platform::Env::setCurrent(&env);
     int exitCode = 0;
     std::thread worker([&] {
-        exitCode = initializeAndRun(options, env);
+        exitCode = initializeAndRun(options, env, storage);
         linuxEnv->stopMainLoop();
     });
     linuxEnv->runMainLoop();

@@ -73,6 +73,9 @@ struct FileManagerQueueStorage::KnownInventory {
     // False when writing the entries stores something else: dates are written as whole
     // seconds, and another writer's file, or a list given to saveInventory, may have more.
     bool readBackAsTheyAre = true;
+    // The file is there but could not be read: the entries are not known, and the file must
+    // not be replaced by a list that lacks them.
+    bool unreadable = false;
 
     bool isEncoded() const { return encodedEntries.size() == entries->list.size(); }
     void forget() { file.reset(); }
@@ -140,7 +143,10 @@ void FileManagerQueueStorage::readInventory(std::optional<std::uint64_t> changeC
     KnownInventory& known = *known_;
     known = KnownInventory{};
     auto read = fileStorage_->getPinned(FileType::queueInventory, std::nullopt);
-    if (!read) return;
+    if (!read) {
+        known.unreadable = !read.error().nothingThere;
+        return;
+    }
     auto entries = jsonAdapter_->fromJson<std::vector<QueueTaskMetadata>>(read->contents, true);
     if (!entries) return;
     known.entries->list = std::move(*entries);
@@ -231,6 +237,10 @@ CreateQueueStorageTaskResult FileManagerQueueStorage::create(
 
     KnownInventory& known = currentInventory();
     const auto countBefore = static_cast<std::int64_t>(known.entries->list.size());
+    if (known.unreadable) {
+        logger_->error("fail adding queue task, the queue inventory cannot be read.");
+        return failedCreate(countBefore);
+    }
 
     // The task file comes first: an entry in the inventory must always find its file. If a
     // later step fails, the file stays behind unlisted, which nobody reads.
@@ -286,6 +296,7 @@ std::optional<QueueTask> FileManagerQueueStorage::get(const std::string& storage
 bool FileManagerQueueStorage::deleteTask(const std::string& storageId) {
     OperationLock hold(*this);
     KnownInventory& known = currentInventory();
+    if (known.unreadable) return false;
     const bool encoded = known.isEncoded();
     auto& entries = entriesToChange();
     // Every entry of that id goes; the encodings go with their entries.

@@ -20,7 +20,8 @@ namespace tern {
 // Every operation is whole: callers on any thread never see half of another's change.
 class QueueStorage : public vontu::AutoMockable {
 public:
-    // The inventory, oldest first; empty when there is none or it cannot be read.
+    // The inventory, oldest first; empty when there is none or it cannot be read. An inventory
+    // that is there but cannot be read is never replaced by create or deleteTask, which fail.
     virtual QueueInventory getInventory() = 0;
     // Replaces the inventory whole. True when it was written.
     virtual bool saveInventory(const std::vector<QueueTaskMetadata>& inventory) = 0;

@@ -83,11 +83,15 @@ bool FileManagerFileStorage::deleteFile(FileType type, const std::string& fileId
     return removed ? true : reportFailure(removed.error());
 }
 
-std::optional<vontu::platform::PinnedContents> FileManagerFileStorage::getPinned(
-    FileType type, const std::optional<std::string>& fileId) {
+std::expected<vontu::platform::PinnedContents, vontu::platform::FileError>
+FileManagerFileStorage::getPinned(FileType type, const std::optional<std::string>& fileId) {
     auto path = filePath(type, fileId);
-    if (!path) return std::nullopt;
-    return logged(Env::current().readFileAndPin(*path));
+    // No place for the library's files: nothing was ever written there.
+    if (!path) return std::unexpected(vontu::platform::FileError{"no file path", true});
+    auto read = Env::current().readFileAndPin(*path);
+    // A file not written yet is no failure: the caller starts from nothing.
+    if (!read && !read.error().nothingThere) reportFailure(read.error());
+    return read;
 }
 
 bool FileManagerFileStorage::isUnchanged(FileType type, const std::optional<std::string>& fileId,

@@ -26,7 +26,7 @@ public:
     std::optional<vontu::platform::Bytes> get(FileType type,
                                               const std::optional<std::string>& fileId) override;
     bool deleteFile(FileType type, const std::string& fileId) override;
-    std::optional<vontu::platform::PinnedContents> getPinned(
+    std::expected<vontu::platform::PinnedContents, vontu::platform::FileError> getPinned(
         FileType type, const std::optional<std::string>& fileId) override;
     bool isUnchanged(FileType type, const std::optional<std::string>& fileId,
                      const vontu::platform::FilePin& pin) override;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <expected>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,8 +25,9 @@ public:
     virtual bool deleteFile(FileType type, const std::string& fileId) = 0;
 
     // For a file that one reader keeps decoded and that is rewritten often (the inventory):
-    // get, with a pin of the file read; absent as for get.
-    virtual std::optional<vontu::platform::PinnedContents> getPinned(
+    // get, with a pin of the file read; on failure the platform's error, which tells a file
+    // that is not there from one that cannot be read.
+    virtual std::expected<vontu::platform::PinnedContents, vontu::platform::FileError> getPinned(
         FileType type, const std::optional<std::string>& fileId) = 0;
     // True when the file is still the pinned one, unchanged as far as its stamp tells (see
     // vontu::platform::FileStamp).

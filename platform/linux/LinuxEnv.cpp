@@ -32,7 +32,8 @@ namespace fs = std::filesystem;
 namespace {
 
 FileError fileError(const std::string& what, const fs::path& path, std::error_code ec) {
-    return FileError{fmt::format("{} \"{}\": {}", what, path.string(), ec.message())};
+    return FileError{fmt::format("{} \"{}\": {}", what, path.string(), ec.message()),
+                     ec == std::errc::no_such_file_or_directory};
 }
 
 // Creates every missing directory of path with mode 0700.

@@ -1,9 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <set>
 #include <map>
 #include <regex>
 #include <string>
@@ -55,6 +60,10 @@ struct TernHostTest : ::testing::Test {
                                         config().dump()};
         all.insert(all.end(), arguments.begin(), arguments.end());
         return runWith(all);
+    }
+
+    std::filesystem::path queueDirectory() const {
+        return home.path() / "apps" / "ios.vontu" / "support" / "dev.tern" / kSiteId / "queue";
     }
 
     json queueStatus() {
@@ -233,6 +242,80 @@ TEST_F(TernHostTest, ARunThatAnAdditionStartsEndsBeforeTheProgramDoes) {
     ASSERT_EQ(result.exitCode, 0) << result.err;
     EXPECT_EQ(server.requestLines(), std::vector<std::string>{"PUT /api/v1/customers/erin"});
     EXPECT_EQ(queueStatus()["numTasksInQueue"], 0);
+}
+
+// A task that cannot be stored is never reported as queued: one line on standard error and a
+// non-zero exit, whether the task file cannot be written (a file where the tasks directory
+// goes, as on a full disk) or the inventory is there but cannot be read, which is then left
+// exactly as it was rather than replaced by a list without the tasks it holds.
+TEST_F(TernHostTest, ACommandWhoseTaskIsNotStoredFailsWithOneLine) {
+    auto expectNotStored = [](const ProcessResult& result) {
+        EXPECT_EQ(result.exitCode, 1);
+        // The program's own line, after whatever the library logged.
+        static const std::regex own("(^|\n)tern: not stored: [^\n]+\n$");
+        EXPECT_TRUE(std::regex_search(result.err, own)) << result.err;
+    };
+    ASSERT_EQ(tern({"identify", "alice"}).exitCode, 0);
+    const auto tasks = queueDirectory() / "tasks";
+    std::filesystem::rename(tasks, home.path() / "tasks-aside");
+    std::ofstream(tasks) << "in the way";
+    expectNotStored(tern({"track", "opened"}));
+    std::filesystem::remove(tasks);
+    std::filesystem::rename(home.path() / "tasks-aside", tasks);
+    EXPECT_EQ(queueStatus()["numTasksInQueue"], 1);
+
+    const auto inventory = queueDirectory() / "inventory.json";
+    std::filesystem::rename(inventory, home.path() / "inventory-aside");
+    std::filesystem::create_directory(inventory);
+    expectNotStored(tern({"track", "opened"}));
+    EXPECT_TRUE(std::filesystem::is_directory(inventory));
+    std::filesystem::remove(inventory);
+    std::filesystem::rename(home.path() / "inventory-aside", inventory);
+
+    // Unreadable for want of permission: the host runs as another user.
+    if (::geteuid() == 0) {
+        std::filesystem::permissions(home.path(), std::filesystem::perms::owner_all);
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(home.path())) {
+            ASSERT_EQ(::chown(entry.path().c_str(), 65534, 65534), 0);
+        }
+        ASSERT_EQ(::chown(home.path().c_str(), 65534, 65534), 0);
+        ASSERT_EQ(::chown(inventory.c_str(), 0, 0), 0);
+        std::vector<std::string> arguments = {"--reuid=65534", "--regid=65534", "--clear-groups",
+                                              vontu::testing::builtProgram("hosts/tern").string(),
+                                              "--home", home.path().string(), "--site-id", kSiteId,
+                                              "--api-key", kApiKey, "--config", config().dump(),
+                                              "track", "opened"};
+        expectNotStored(vontu::testing::runProcess("/usr/bin/setpriv", arguments));
+    } else {
+        std::filesystem::permissions(inventory, std::filesystem::perms::none);
+        expectNotStored(tern({"track", "opened"}));
+        std::filesystem::permissions(inventory, std::filesystem::perms::owner_read |
+                                                    std::filesystem::perms::owner_write);
+    }
+    EXPECT_EQ(queueStatus()["numTasksInQueue"], 1);
+}
+
+// Four programs adding and flushing at once send each task once: one run at a time works
+// through the queue, and the others leave their tasks to it.
+TEST_F(TernHostTest, ProgramsAddingAndFlushingAtOnceSendEachTaskOnce) {
+    ASSERT_EQ(tern({"identify", "ann", "--flush"}).exitCode, 0);
+    server.clearRequests();
+    std::vector<std::future<std::vector<int>>> programs;
+    for (int p = 0; p < 4; ++p) {
+        programs.push_back(std::async(std::launch::async, [this, p] {
+            std::vector<int> exits;
+            for (int i = 0; i < 10; ++i) {
+                exits.push_back(tern({"track", std::to_string(p * 10 + i), "--flush"}).exitCode);
+            }
+            return exits;
+        }));
+    }
+    for (auto& program : programs) EXPECT_EQ(program.get(), std::vector<int>(10, 0));
+    EXPECT_EQ(tern({"queue", "run"}).exitCode, 0);  // what the last run left, if anything
+    std::multiset<std::string> names;
+    for (const auto& request : server.requests()) names.insert(request.json()["name"]);
+    EXPECT_EQ(names.size(), 40u);
+    for (int n = 0; n < 40; ++n) EXPECT_EQ(names.count(std::to_string(n)), 1u) << n;
 }
 
 TEST_F(TernHostTest, SiteAndKeyComeFromTheOptionsElseTheEnvironmentElseTheBuild) {

@@ -276,7 +276,7 @@ public:
         return files_.get(t, id);
     }
     bool deleteFile(FileType t, const std::string& id) override { return files_.deleteFile(t, id); }
-    std::optional<vontu::platform::PinnedContents> getPinned(
+    std::expected<vontu::platform::PinnedContents, vontu::platform::FileError> getPinned(
         FileType t, const std::optional<std::string>& id) override {
         return files_.getPinned(t, id);
     }
