@@ -8,6 +8,7 @@
 #include "Common/DIGraph.hpp"
 #include "TernTracking/Tern.hpp"
 #include "messaging_push/DeepLinkUtilImpl.hpp"
+#include "messaging_push/PendingPushDeliveries.hpp"
 #include "platform/Env.hpp"
 #include "platform/NotificationJson.hpp"
 
@@ -51,18 +52,18 @@ std::string description(const NotificationContent& content) {
     return description(vontu::platform::toJson(content));
 }
 
-// Runs the whole background queue, then delivers content: the system may end the extension as
-// soon as it has the content, so every queued request must have been tried by then.
+// Runs the whole background queue, then delivers the push: the system may end the extension as
+// soon as it has the content, so every queued request must have been tried by then. Should the
+// time run out first, the expiry warning delivers it (see PendingPushDeliveries).
 void deliverAfterQueueRun(const std::shared_ptr<Logger>& logger,
                           const std::shared_ptr<Queue>& backgroundQueue,
-                          const NotificationContent& content,
-                          const MessagingPushInstance::ContentHandler& contentHandler) {
+                          const std::shared_ptr<PendingPushDeliveries::Delivery>& delivery) {
     logger->debug(queueRunLine);
     // The queue is kept until its run has ended: the caller may let go of it sooner.
-    backgroundQueue->run([logger, backgroundQueue, content, contentHandler] {
+    backgroundQueue->run([logger, backgroundQueue, delivery] {
         logger->debug("all background queue tasks done running.");
         logger->info("Tern push processing is done!");
-        contentHandler(content);
+        delivery->deliver();
     });
 }
 
@@ -73,20 +74,22 @@ MessagingPushImplementation::MessagingPushImplementation(
     : MessagingPushImplementation(diGraph.siteId(), diGraph.logger(), diGraph.jsonAdapter(),
                                   diGraph.sdkConfig(), diGraph.queue(),
                                   std::move(sdkInitializedUtil),
-                                  RichPushRequestHandler::shared()) {}
+                                  RichPushRequestHandler::shared(),
+                                  PendingPushDeliveries::shared()) {}
 
 MessagingPushImplementation::MessagingPushImplementation(
     std::string siteId, std::shared_ptr<Logger> logger, std::shared_ptr<JsonAdapter> jsonAdapter,
     SdkConfig sdkConfig, std::shared_ptr<Queue> backgroundQueue,
     std::shared_ptr<SdkInitializedUtil> sdkInitializedUtil,
-    RichPushRequestHandler& richPushRequestHandler)
+    RichPushRequestHandler& richPushRequestHandler, PendingPushDeliveries& pendingDeliveries)
     : siteId_(std::move(siteId)),
       logger_(std::move(logger)),
       jsonAdapter_(std::move(jsonAdapter)),
       sdkConfig_(std::move(sdkConfig)),
       backgroundQueue_(std::move(backgroundQueue)),
       sdkInitializedUtil_(std::move(sdkInitializedUtil)),
-      richPushRequestHandler_(richPushRequestHandler) {}
+      richPushRequestHandler_(richPushRequestHandler),
+      pendingDeliveries_(pendingDeliveries) {}
 
 std::shared_ptr<TernInstance> MessagingPushImplementation::trackingImplementation() const {
     const auto tern = sdkInitializedUtil_->tern();
@@ -130,10 +133,11 @@ bool MessagingPushImplementation::didReceive(const NotificationRequest& request,
         trackMetric(keys->deliveryId, Metric::delivered, keys->deviceToken);
     }
 
+    auto delivery = pendingDeliveries_.add(request.content, std::move(contentHandler));
     const auto payload = TernParsedPushPayload::parse(request.content, jsonAdapter_);
     if (!payload) {
         logger_->info("the push was a simple push, not a rich push. Processing is complete.");
-        deliverAfterQueueRun(logger_, backgroundQueue_, request.content, contentHandler);
+        deliverAfterQueueRun(logger_, backgroundQueue_, delivery);
         return true;
     }
 
@@ -145,16 +149,20 @@ bool MessagingPushImplementation::didReceive(const NotificationRequest& request,
     richPushRequestHandler_.startRequest(
         request, payload,
         [logger = logger_, backgroundQueue = backgroundQueue_,
-         contentHandler = std::move(contentHandler)](const NotificationContent& composed) {
+         delivery](const NotificationContent& composed) {
             logger->debug("rich push was composed " + description(composed) + ".");
-            deliverAfterQueueRun(logger, backgroundQueue, composed, contentHandler);
+            delivery->improve(composed);
+            deliverAfterQueueRun(logger, backgroundQueue, delivery);
         });
     return true;
 }
 
 void MessagingPushImplementation::serviceExtensionTimeWillExpire() {
     logger_->info("notification service time will expire. Stopping all notification requests early.");
+    // Each rich push composes what it has now; then every push is handed its best content,
+    // without waiting for the queue.
     richPushRequestHandler_.stopAll();
+    pendingDeliveries_.deliverAll();
 }
 
 // --- In the app: the user's response to a notification --------------------------------------

@@ -11,6 +11,7 @@
 #include "TernTracking/SdkInitializedUtil.hpp"
 #include "TernTracking/TernInstance.hpp"
 #include "messaging_push/MessagingPushInstance.hpp"
+#include "messaging_push/PendingPushDeliveries.hpp"
 #include "messaging_push/RichPushRequestHandler.hpp"
 
 namespace tern {
@@ -26,14 +27,15 @@ class DIGraph;
 // notification, removes the images that were attached to it and opens its deep link.
 class MessagingPushImplementation final : public MessagingPushInstance {
 public:
-    // The services of diGraph; the registry is the process's.
+    // The services of diGraph; the registries are the process's.
     MessagingPushImplementation(DIGraph& diGraph,
                                 std::shared_ptr<SdkInitializedUtil> sdkInitializedUtil);
     MessagingPushImplementation(std::string siteId, std::shared_ptr<Logger> logger,
                                 std::shared_ptr<JsonAdapter> jsonAdapter, SdkConfig sdkConfig,
                                 std::shared_ptr<Queue> backgroundQueue,
                                 std::shared_ptr<SdkInitializedUtil> sdkInitializedUtil,
-                                RichPushRequestHandler& richPushRequestHandler);
+                                RichPushRequestHandler& richPushRequestHandler,
+                                PendingPushDeliveries& pendingDeliveries);
 
     void registerDeviceToken(const std::string& deviceToken) override;
     void deleteDeviceToken() override;
@@ -63,6 +65,7 @@ private:
     const std::shared_ptr<Queue> backgroundQueue_;
     const std::shared_ptr<SdkInitializedUtil> sdkInitializedUtil_;
     RichPushRequestHandler& richPushRequestHandler_;
+    PendingPushDeliveries& pendingDeliveries_;
 };
 
 }  // namespace tern

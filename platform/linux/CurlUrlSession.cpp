@@ -603,6 +603,9 @@ private:
         curl_easy_setopt(easy, CURLOPT_URL, transfer.request.url.c_str());
         curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorText.data());
         curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+        // A transfer given up while its name lookup is pending neither waits for the lookup
+        // (which may take the resolver's whole time-out) nor holds up the process's exit.
+        curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
         curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, allowedProtocols);
         curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, allowedProtocols);
         curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);

@@ -51,6 +51,7 @@ protected:
     }
     void TearDown() override {
         imageGate_->open();
+        trackingGate_->open();
         images_.reset();
         tracking_.reset();
     }
@@ -93,6 +94,7 @@ protected:
 
     testing::TempDir home_;
     std::shared_ptr<Gate> imageGate_ = std::make_shared<Gate>();
+    std::shared_ptr<Gate> trackingGate_ = std::make_shared<Gate>();
     std::unique_ptr<RecordingServer<httplib::SSLServer>> tracking_;
     std::unique_ptr<RecordingServer<httplib::Server>> images_;
 };
@@ -172,6 +174,27 @@ TEST_F(VontuNseTernPush, TheExpiryWarningDeliversARichPushWithoutItsSlowImage) {
     EXPECT_TRUE(result["content"]["attachments"].empty());
     // The metric went out before the content was handed over.
     EXPECT_EQ(tracking_->received().size(), 1u);
+}
+
+// A tracking API that takes the delivered metric and never answers costs the user nothing: the
+// expiry warning delivers the push with its image, and the metric stays queued for a later run.
+TEST_F(VontuNseTernPush, ATrackingApiThatNeverAnswersStillGetsThePushDeliveredAtExpiry) {
+    tracking_->respond([gate = trackingGate_](const httplib::Request&, httplib::Response& response) {
+        gate->waitOpen();
+        response.set_content("{}", "application/json");
+    });
+    imageGate_->open();
+    auto result = output(nse({"--time-limit", "5", "--warning", "1"}, richPush()));
+
+    EXPECT_EQ(result["via"], "expiry");
+    EXPECT_GE(result["elapsed_ms"].get<double>(), 3500);
+    EXPECT_EQ(result["content"]["attachments"].size(), 1u);
+    EXPECT_EQ(tracking_->received().size(), 1u);
+    std::size_t queued = 0;
+    for (const auto& file : fs::recursive_directory_iterator(home_.path() / "apps")) {
+        queued += file.path().parent_path().filename() == "tasks";
+    }
+    EXPECT_EQ(queued, 1u);
 }
 
 TEST_F(VontuNseTernPush, APausedLibrarySendsNothingButStillDelivers) {

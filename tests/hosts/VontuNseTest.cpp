@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <string>
+
+#include <unistd.h>
 #include <mutex>
 #include <nlohmann/json.hpp>
 
@@ -10,6 +13,7 @@
 #include "tests/support/LoopbackServer.hpp"
 #include "tests/support/Process.hpp"
 #include "tests/support/TempDir.hpp"
+#include "tests/support/TestCertificates.hpp"
 
 namespace vontu {
 namespace {
@@ -74,6 +78,41 @@ TEST_F(VontuNse, ARelayThatNeverAnswersIsDeliveredByTheExpiryWarning) {
     EXPECT_GE(result["elapsed_ms"].get<double>(), 1500);
     EXPECT_TRUE(result["content"]["communication"].is_object());
     hold.unlock();
+}
+
+// A name lookup that never ends (a name server that takes the question and never answers, in a
+// network and mount namespace of the test's own, where the system's resolver is pointed at it)
+// does not hold the process past its time limit.
+TEST_F(VontuNse, ExitsAtItsTimeLimitWhileANameLookupIsPending) {
+    const auto unshare = testing::programOnPath("unshare");
+    if (!unshare || ::geteuid() != 0) GTEST_SKIP() << "needs unshare and root for a namespace";
+    std::ofstream(home_.path() / "resolv.conf") << "nameserver 127.0.0.1\noptions timeout:20\n";
+    std::ofstream(home_.path() / "push.json") << newMail();
+    const std::string silentNameServer = R"(
+import socket, subprocess, sys, time
+server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+server.bind(("127.0.0.1", 53))  # takes every question, answers none
+start = time.monotonic()
+exit_code = subprocess.run(sys.argv[1:]).returncode
+print(round(time.monotonic() - start, 3), file=sys.stderr)
+sys.exit(exit_code)
+)";
+    const std::string script =
+        "ip link set lo up && mount --bind \"$1\" /etc/resolv.conf && shift && "
+        "exec python3 -c \"$0\" \"$@\"";
+    auto result = testing::runProcess(
+        *unshare, {"--mount", "--net", "sh", "-c", script, silentNameServer,
+                   (home_.path() / "resolv.conf").string(),
+                   testing::builtProgram("hosts/vontu-nse").string(), "--home",
+                   home_.path().string(), "--relay-url", "https://relay.stalled.example",
+                   "--time-limit", "2", "--warning", "1",
+                   (home_.path() / "push.json").string()});
+    if (result.exitCode != 0 && result.out.empty()) GTEST_SKIP() << "no namespace: " << result.err;
+    EXPECT_EQ(output(result)["via"], "expiry");
+    // The last line is the process's wall time: the limit, with room for a slow machine, and
+    // far from the lookup's twenty seconds.
+    const auto lastLine = result.err.substr(result.err.rfind('\n', result.err.size() - 2) + 1);
+    EXPECT_LT(std::stod(lastLine), 6.0) << result.err;
 }
 
 // The relay's answer is stored for the main app; from system 15 the sender's avatar is drawn, or

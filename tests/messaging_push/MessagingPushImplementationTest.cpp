@@ -54,7 +54,8 @@ protected:
         config.autoTrackPushEvents = autoTrackPushEvents;
         auto logger = std::make_shared<RecordingLogger>();
         return std::make_unique<MessagingPushImplementation>(testSiteId, logger, std::make_shared<JsonAdapter>(logger),
-                                                             config, queue_, std::make_shared<StubSdkInitializedUtil>(graph_), handler_);
+                                                             config, queue_, std::make_shared<StubSdkInitializedUtil>(graph_), handler_,
+                                                             deliveries_);
     }
     void start(RichPushRequestHandler& handler, const std::string& identifier, ContentRecorder& recorder) {
         auto push = request(richUserInfo({{"image", imageUrl}}), identifier);
@@ -66,6 +67,7 @@ protected:
     std::shared_ptr<ManualHttpClient> client_ = std::make_shared<ManualHttpClient>();
     std::shared_ptr<DIGraph> graph_ = std::make_shared<DIGraph>(testSiteId, testApiKey, SdkConfig{});
     RichPushRequestHandler handler_{std::make_shared<StubSdkInitializedUtil>(graph_)};
+    PendingPushDeliveries deliveries_;
     ContentRecorder recorder_;
 };
 
@@ -95,6 +97,36 @@ TEST_F(ExtensionPushTest, APushWithoutARichPartIsDeliveredUnchangedAfterTheQueue
         EXPECT_EQ(recorder.contents, std::vector{push.content});
         EXPECT_EQ(queuedPushMetrics().size(), autoTrack ? 1u : 0u);
     }
+}
+
+// However the queue fares, the expiry warning hands every push its best content at once, and
+// once only: the original of a simple push, the composed content of a rich one (its image
+// attached when it came in time).
+TEST_F(ExtensionPushTest, AtExpiryEachPushIsDeliveredWithItsBestContentWhateverTheQueueDoes) {
+    queue_->holdRuns = true;
+    auto push = implementation();
+    ContentRecorder simple, rich, richWithImage;
+    const auto simpleRequest = request(ternUserInfo(json{{"push", "not an object"}}), "simple");
+    ASSERT_TRUE(push->didReceive(simpleRequest, simple.handler()));
+    ASSERT_TRUE(push->didReceive(request(richUserInfo({{"image", imageUrl}}), "rich"), rich.handler()));
+    ASSERT_TRUE(push->didReceive(request(richUserInfo({{"image", imageUrl}}), "rich-with-image"),
+                                 richWithImage.handler()));
+    vontu::testing::TempDir files;
+    client_->downloads.at(1)(writePng(files.path() / "banner.png"));
+    EXPECT_EQ(queue_->held.size(), 2u);  // the simple push's run, and the one after the image
+    EXPECT_TRUE(simple.contents.empty() && rich.contents.empty() && richWithImage.contents.empty());
+
+    push->serviceExtensionTimeWillExpire();
+    EXPECT_EQ(simple.contents, std::vector{simpleRequest.content});
+    ASSERT_EQ(rich.contents.size(), 1u);
+    EXPECT_TRUE(rich.contents[0].attachments.empty());
+    ASSERT_EQ(richWithImage.contents.size(), 1u);
+    EXPECT_EQ(richWithImage.contents[0].attachments.size(), 1u);
+
+    for (const auto& run : queue_->held) run();  // the runs end after all: nothing more
+    push->serviceExtensionTimeWillExpire();
+    EXPECT_EQ(simple.contents.size() + rich.contents.size() + richWithImage.contents.size(), 3u);
+    queue_->held.clear();  // each run holds the queue
 }
 
 TEST_F(ExtensionPushTest, EachIdentifierStartsOnceAndStopAllFinishesEveryRequestEarly) {

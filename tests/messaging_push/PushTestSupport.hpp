@@ -77,14 +77,24 @@ struct ManualHttpClient final : HttpClient {
     std::vector<bool> cancels;
 };
 
-// A queue that only counts its runs; each run ends at once, on the caller's thread.
+// A queue that only counts its runs; each run ends at once, on the caller's thread, unless runs
+// are held (as with a tracking API that never answers): then they end when the test says.
 struct CountingQueue final : Queue {
     QueueAddResult addTrackInAppDeliveryTask(const std::string&, InAppMetric) override { return {}; }
     QueueAddResult addTask(const std::string&, const AnyEncodable&, const std::optional<QueueTaskGroup>&,
                            const std::optional<std::vector<QueueTaskGroup>>&) override { return {}; }
-    void run(Completion onComplete) override { ++runs, onComplete(); }
+    void run(Completion onComplete) override {
+        ++runs;
+        if (holdRuns) {
+            held.push_back(std::move(onComplete));
+        } else {
+            onComplete();
+        }
+    }
     void deleteExpiredTasks() override {}
     std::atomic<int> runs = 0;
+    bool holdRuns = false;
+    std::vector<Completion> held;
 };
 
 // Gives the push module the test's own graph (or none), and the process's Tern object.
