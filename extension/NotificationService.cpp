@@ -121,35 +121,40 @@ void NotificationService::didReceiveNotificationRequest(
 
 void NotificationService::answerReadReceipt(const json& aps, DefaultsSuite* defaults) {
     const std::string key = "Track_" + formatted(stringIn(aps, "md5"));
-    auto stored = defaults != nullptr ? defaults->objectForKey(key) : std::nullopt;
-    const PlistDictionary* record = stored ? stored->as<PlistDictionary>() : nullptr;
-    if (record == nullptr) {
-        deliverBestAttempt();
-        return;
-    }
-
     const auto reader = stringIn(aps, "read_by").value_or("");
-    static const PlistDictionary noReaders;
-    const PlistDictionary* readersPointer = dictionaryIn(*record, "read_by");
-    const PlistDictionary& readers = readersPointer != nullptr ? *readersPointer : noReaders;
-    bool removeRecord = readers.empty();
-    std::optional<std::string> text;
-    if (!reader.empty()) {
-        text = stringIn(readers, reader);
-        PlistDictionary remaining = readers;
-        remaining.erase(reader);
-        removeRecord = remaining.empty();
-        if (!remaining.empty()) {
-            PlistDictionary updated = *record;
-            updated["read_by"] = std::move(remaining);
-            defaults->setObject(updated, key);
+    std::optional<std::string> title, text;
+    // One transaction: two receipts for the same message (two readers) arriving at once in two
+    // processes must both take their reader off the record.
+    auto answer = [&](const std::optional<PlistValue>& stored) {
+        const PlistDictionary* record = stored ? stored->as<PlistDictionary>() : nullptr;
+        if (record == nullptr) return DefaultsSuite::Update{};
+        static const PlistDictionary noReaders;
+        const PlistDictionary* readersPointer = dictionaryIn(*record, "read_by");
+        const PlistDictionary& readers = readersPointer != nullptr ? *readersPointer : noReaders;
+        DefaultsSuite::Update update{readers.empty() ? DefaultsSuite::Update::Action::remove
+                                                     : DefaultsSuite::Update::Action::keep,
+                                     {}};
+        if (!reader.empty()) {
+            text = stringIn(readers, reader);
+            PlistDictionary remaining = readers;
+            remaining.erase(reader);
+            if (remaining.empty()) {
+                update.action = DefaultsSuite::Update::Action::remove;
+            } else {
+                PlistDictionary updated = *record;
+                updated["read_by"] = std::move(remaining);
+                update = {DefaultsSuite::Update::Action::store, std::move(updated)};
+            }
         }
+        if (!text || text->empty()) text = stringIn(*record, "body");
+        title = stringIn(*record, "title").value_or("");
+        return update;
+    };
+    if (defaults != nullptr) defaults->updateObject(key, answer);
+    if (title) {
+        bestAttemptContent_->title = *title;
+        bestAttemptContent_->body = text.value_or("");
     }
-    if (!text || text->empty()) text = stringIn(*record, "body");
-
-    bestAttemptContent_->title = stringIn(*record, "title").value_or("");
-    bestAttemptContent_->body = text.value_or("");
-    if (removeRecord) defaults->removeObject(key);
     deliverBestAttempt();
 }
 

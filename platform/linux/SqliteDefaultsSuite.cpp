@@ -290,6 +290,19 @@ public:
         return use.bindText(1, key) && use.step() == SQLITE_DONE;
     }
 
+    // BEGIN IMMEDIATE takes the database's write lock before the read, waiting for other
+    // writers as a single write does, so nothing can come between the read and the write.
+    bool updateObject(const std::string& key, const Change& change) override {
+        std::lock_guard lock(mutex_);
+        if (sqlite3_exec(db_.get(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+            return false;
+        }
+        const bool done = applyUpdate(key, change) &&
+                          sqlite3_exec(db_.get(), "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
+        if (!done) sqlite3_exec(db_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+        return done;
+    }
+
     // Rows that cannot be read are left out; a suite that cannot be read gives nothing.
     PlistDictionary dictionaryRepresentation() override {
         std::lock_guard lock(mutex_);
@@ -309,6 +322,41 @@ public:
     }
 
 private:
+    // The read, change and write of updateObject, inside its transaction.
+    bool applyUpdate(const std::string& key, const Change& change) {
+        std::optional<PlistValue> current;
+        {
+            auto* statement = prepared(select_, selectSql);
+            if (statement == nullptr) return false;
+            StatementUse use(statement);
+            if (!use.bindText(1, key)) return false;
+            const int status = use.step();
+            if (status == SQLITE_ROW) {
+                if (const auto text = use.columnText(0)) current = decodeFromText(*text);
+            } else if (status != SQLITE_DONE) {
+                return false;
+            }
+        }
+        const Update update = change(current);
+        switch (update.action) {
+            case Update::Action::keep: return true;
+            case Update::Action::remove: {
+                auto* statement = prepared(delete_, deleteSql);
+                if (statement == nullptr) return false;
+                StatementUse use(statement);
+                return use.bindText(1, key) && use.step() == SQLITE_DONE;
+            }
+            case Update::Action::store: {
+                const auto text = encodeToText(update.value);
+                auto* statement = text ? prepared(upsert_, upsertSql) : nullptr;
+                if (statement == nullptr) return false;
+                StatementUse use(statement);
+                return use.bindText(1, key) && use.bindText(2, *text) && use.step() == SQLITE_DONE;
+            }
+        }
+        return false;
+    }
+
     // Statements are prepared on first use, so that a process that reads one key prepares one.
     sqlite3_stmt* prepared(Statement& slot, const char* sql) {
         if (!slot) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <future>
 #include <string>
 
 #include <unistd.h>
@@ -209,6 +210,25 @@ TEST_F(VontuNse, ServeAnswersOneLinePerRequestInOneProcess) {
     EXPECT_TRUE(lines[1].contains("error"));
     // The first push removed the record; the second sees the pushed texts.
     EXPECT_EQ(lines[2]["content"]["body"], "B");
+}
+
+// Receipts of several readers of one message, arriving at once in as many processes, each take
+// their reader off the record: the last one removes it.
+TEST_F(VontuNse, ReadReceiptsArrivingAtOnceAllTakeEffect) {
+    constexpr int readers = 6;
+    json record = {{"title", "Read!"}, {"body", "fallback"}, {"read_by", json::object()}};
+    for (int r = 0; r < readers; ++r) record["read_by"]["r" + std::to_string(r)] = "R" + std::to_string(r);
+    ASSERT_EQ(defaults({"write", "group.ios.vontu", "Track_m1", record.dump()}).exitCode, 0);
+    std::vector<std::future<testing::ProcessResult>> receipts;
+    for (int r = 0; r < readers; ++r) {
+        receipts.push_back(std::async(std::launch::async, [this, r] {
+            return nse({"-"}, readReceipt("r" + std::to_string(r)));
+        }));
+    }
+    for (int r = 0; r < readers; ++r) {
+        EXPECT_EQ(output(receipts[r].get())["content"]["body"], "R" + std::to_string(r));
+    }
+    EXPECT_NE(defaults({"read", "group.ios.vontu", "Track_m1"}).exitCode, 0);  // removed
 }
 
 }  // namespace

@@ -24,19 +24,32 @@ std::string keyOf(const std::string& writer, int index) {
     return writer + "-" + std::to_string(index);
 }
 
+constexpr const char* counterKey = "counter";
+
+// Adds one to the shared counter in one read-modify-write.
+bool countOne(DefaultsSuite& suite) {
+    return suite.updateObject(counterKey, [](const std::optional<PlistValue>& current) {
+        const auto* count = current ? current->as<std::int64_t>() : nullptr;
+        return DefaultsSuite::Update{DefaultsSuite::Update::Action::store,
+                                     std::int64_t{count != nullptr ? *count + 1 : 1}};
+    });
+}
+
 // Writes count keys under the writer's name, reading each back at once and the whole suite as
-// it goes. False when a write failed or was not visible.
+// it goes, and counts each in the shared counter. False when a write failed or was not visible.
 bool writeAndReadBack(DefaultsSuite& suite, const std::string& writer, int count) {
     for (int i = 0; i < count; ++i) {
         const auto key = keyOf(writer, i);
         const PlistValue value = PlistDictionary{{"writer", writer}, {"index", i}};
         if (!suite.setObject(value, key) || suite.objectForKey(key) != value) return false;
+        if (!countOne(suite)) return false;
         suite.dictionaryRepresentation();
     }
     return true;
 }
 
-TEST(DefaultsConcurrency, ProcessesAndThreadsWritingAtOnceLoseNoKey) {
+// ... and read-modify-writes of one key made at the same time all take effect.
+TEST(DefaultsConcurrency, ProcessesAndThreadsWritingAtOnceLoseNoKeyNorUpdate) {
     const testing::TempDir dir;
     const auto file = dir.path() / "shared.sqlite";
     constexpr int children = 3;
@@ -77,7 +90,9 @@ TEST(DefaultsConcurrency, ProcessesAndThreadsWritingAtOnceLoseNoKey) {
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
     }
     // Each writer read its own keys back, so the count shows that none was lost later.
-    EXPECT_EQ(suite->dictionaryRepresentation().size(), std::size_t{(children + 2) * keysPerWriter});
+    EXPECT_EQ(suite->dictionaryRepresentation().size(),
+              std::size_t{(children + 2) * keysPerWriter + 1});
+    EXPECT_EQ(suite->objectForKey(counterKey), PlistValue(std::int64_t{(children + 2) * keysPerWriter}));
 }
 
 TEST(DefaultsConcurrency, TheHostProgramAndTheLibraryShareALiveSuite) {
