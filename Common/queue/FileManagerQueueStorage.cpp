@@ -241,6 +241,11 @@ CreateQueueStorageTaskResult FileManagerQueueStorage::create(
         logger_->error("fail adding queue task, the queue inventory cannot be read.");
         return failedCreate(countBefore);
     }
+    if (countBefore >= maxQueuedTasks) {
+        logger_->error("fail adding queue task " + type + ", the queue is full with " +
+                       std::to_string(countBefore) + " tasks.");
+        return failedCreate(countBefore);
+    }
 
     // The task file comes first: an entry in the inventory must always find its file. If a
     // later step fails, the file stays behind unlisted, which nobody reads.

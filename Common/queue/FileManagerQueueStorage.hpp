@@ -38,6 +38,13 @@ namespace tern {
 // replaces the file makes another file.
 class FileManagerQueueStorage final : public QueueStorage {
 public:
+    // The most tasks create() lets the inventory hold. Reading and changing the inventory takes
+    // about 1.6 KB of memory an entry (the file is about 150 bytes an entry): 5,000 entries
+    // cost an extension about 8 MB, which with its own 4-6 MB stays well inside the 24 MB the
+    // phone allows it. Beyond the limit a new task is refused and logged; the queue makes room
+    // as its tasks are sent or expire. An inventory made bigger by another writer is still read.
+    static constexpr std::int64_t maxQueuedTasks = 5000;
+
     FileManagerQueueStorage(std::shared_ptr<FileStorage> fileStorage,
                             std::shared_ptr<JsonAdapter> jsonAdapter, std::string siteId,
                             SdkConfig sdkConfig, std::shared_ptr<Logger> logger,

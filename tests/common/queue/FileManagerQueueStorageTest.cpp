@@ -201,12 +201,34 @@ TEST_F(FileManagerQueueStorageTest, FailedWritesReportTheCountFromBefore) {
     EXPECT_FALSE(fs::exists(queueFile("inventory.json")));
     fs::remove(queueFile("tasks"));
 
-    // The inventory cannot be replaced: the task file stays behind, unlisted.
+    // An inventory that is there but cannot be read (a directory in its place) is not replaced,
+    // and no task file is written for an entry that cannot be listed.
     ASSERT_TRUE(create().success);
     fs::remove(queueFile("inventory.json"));
     fs::create_directory(queueFile("inventory.json"));
     EXPECT_EQ(create(), (CreateQueueStorageTaskResult{false, QueueStatus{siteId, 0}, {}}));
-    EXPECT_EQ(std::distance(fs::directory_iterator(queueFile("tasks")), {}), 2);
+    EXPECT_TRUE(fs::is_directory(queueFile("inventory.json")));
+    EXPECT_EQ(std::distance(fs::directory_iterator(queueFile("tasks")), {}), 1);
+    EXPECT_FALSE(storage->deleteTask("any"));  // which would replace it too
+}
+
+// The inventory is kept to what an extension can read within its memory: a full queue refuses
+// new tasks, with a log line, until one has gone.
+TEST_F(FileManagerQueueStorageTest, AFullQueueRefusesNewTasksUntilOneHasGone) {
+    std::string entries = "[";
+    for (int i = 0; i < FileManagerQueueStorage::maxQueuedTasks; ++i) {
+        if (i > 0) entries += ",";
+        entries += R"({"created_at":1,"task_persisted_id":"T)" + std::to_string(i) +
+                   R"(","task_type":"trackEvent"})";
+    }
+    writeText(queueFile("inventory.json"), entries + "]");
+    const QueueStatus full{siteId, FileManagerQueueStorage::maxQueuedTasks};
+    EXPECT_EQ(create(), (CreateQueueStorageTaskResult{false, full, {}}));
+    EXPECT_EQ(logger->messages(RecordingLogger::Level::error),
+              std::vector<std::string>{"fail adding queue task trackEvent, the queue is full with " +
+                                       std::to_string(full.numTasksInQueue) + " tasks."});
+    storage->deleteTask("T0");  // the entry goes; it has no file to remove
+    EXPECT_TRUE(create().success);
 }
 
 TEST_F(FileManagerQueueStorageTest, ExpiredTasksAreDeletedButGroupOpenersStay) {
