@@ -34,6 +34,9 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* allowedProtocols = "http,https";
+// Where a request that started over TLS may be redirected: never out of TLS, where its
+// credentials and body would travel in clear.
+constexpr const char* secureRedirectProtocols = "https";
 constexpr const char* cancelledDescription = "cancelled";
 // Where curl looks for the system's trusted certificates when it was built without a default.
 constexpr const char* fallbackSystemCaBundle = "/etc/ssl/certs/ca-certificates.crt";
@@ -141,6 +144,7 @@ struct Transfer {
 
     std::atomic<bool> cancelRequested{false};
     bool refused = false;  // set under the session's lock before the thread sees the transfer
+    bool startedSecure = false;  // the request's own URL is https
 
     CURL* easy = nullptr;
     curl_slist* headerList = nullptr;
@@ -217,20 +221,23 @@ int onProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_o
 // ---------------------------------------------------------------------------------------------
 // Turning a request into curl options.
 
-std::optional<UrlError> checkUrl(const std::string& url) {
+// Whether the URL is https (else it is http); a problem when it is neither or no URL at all.
+std::expected<bool, UrlError> checkUrl(const std::string& url) {
     CURLU* parsed = curl_url();
-    if (parsed == nullptr) return makeError(UrlError::Code::other, "out of memory");
-    std::optional<UrlError> problem;
+    if (parsed == nullptr) return std::unexpected(makeError(UrlError::Code::other, "out of memory"));
+    std::expected<bool, UrlError> secure;
     char* scheme = nullptr;
     if (curl_url_set(parsed, CURLUPART_URL, url.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK ||
         curl_url_get(parsed, CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK) {
-        problem = makeError(UrlError::Code::badUrl, "bad URL: " + url);
-    } else if (!equalsIgnoringCase(scheme, "http") && !equalsIgnoringCase(scheme, "https")) {
-        problem = makeError(UrlError::Code::badUrl, "unsupported URL: " + url);
+        secure = std::unexpected(makeError(UrlError::Code::badUrl, "bad URL: " + url));
+    } else if (equalsIgnoringCase(scheme, "http") || equalsIgnoringCase(scheme, "https")) {
+        secure = equalsIgnoringCase(scheme, "https");
+    } else {
+        secure = std::unexpected(makeError(UrlError::Code::badUrl, "unsupported URL: " + url));
     }
     curl_free(scheme);
     curl_url_cleanup(parsed);
-    return problem;
+    return secure;
 }
 
 // Appends to a curl header list; on failure the whole list is freed.
@@ -374,6 +381,12 @@ UrlError errorForCurlResult(const Transfer& transfer, CURLcode result) {
                          "cannot write the download to " + transfer.filePath.string() + ": " + std::strerror(transfer.writeErrno));
     }
     const std::string detail = transfer.errorText[0] != '\0' ? transfer.errorText.data() : curl_easy_strerror(result);
+    // The request's own URL was checked to be https, so only a redirect can have left TLS. It
+    // fails as the network's fault: the server may well send it somewhere secure next time,
+    // and callers keep what they sent for that.
+    if (transfer.startedSecure && result == CURLE_UNSUPPORTED_PROTOCOL) {
+        return makeError(UrlError::Code::networkConnectionLost, "a redirect out of https was refused: " + detail);
+    }
     return makeError(codeForCurlResult(result), detail);
 }
 
@@ -580,7 +593,9 @@ private:
     // Sets the transfer up and hands it to curl; a problem is returned instead when it cannot be.
     std::optional<UrlError> start(Transfer& transfer) {
         if (setupError_) return setupError_;
-        if (auto badUrl = checkUrl(transfer.request.url)) return badUrl;
+        const auto secure = checkUrl(transfer.request.url);
+        if (!secure) return secure.error();
+        transfer.startedSecure = *secure;
         const std::string& method = transfer.request.method;
         if (!method.empty() && !isToken(method)) return makeError(UrlError::Code::other, "invalid HTTP method: " + method);
         auto headers = headerListFor(transfer.request, config_.additionalHeaders);
@@ -604,7 +619,8 @@ private:
         curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorText.data());
         curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
         curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, allowedProtocols);
-        curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, allowedProtocols);
+        curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR,
+                         transfer.startedSecure ? secureRedirectProtocols : allowedProtocols);
         curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
         curl_easy_setopt(easy, CURLOPT_MAXREDIRS, std::max(config_.maxRedirects, 0L));
         // Certificates and host names are always checked; 2 is curl's "verify the host name".

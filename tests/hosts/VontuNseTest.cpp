@@ -10,6 +10,7 @@
 #include "tests/support/LoopbackServer.hpp"
 #include "tests/support/Process.hpp"
 #include "tests/support/TempDir.hpp"
+#include "tests/support/TestCertificates.hpp"
 
 namespace vontu {
 namespace {
@@ -120,6 +121,35 @@ TEST_F(VontuNse, WithoutItsNetworkModuleNewMailIsDeliveredAtOnceWithNothingStore
                              {{"VONTU_URLSESSION_MODULE", "/nonexistent/network-module.so"}}));
     EXPECT_EQ(result["via"], "handler");
     EXPECT_TRUE(result["content"]["communication"].is_object());
+    EXPECT_EQ(defaults({"read", "group.ios.vontu", "EML_acct_<7@x>"}).out, "");
+}
+
+// The token and the user's ids never travel in clear, and a clear answer is never stored: a
+// redirect from the https relay to plain http is not followed.
+TEST_F(VontuNse, ARedirectFromTheSecureRelayToPlainHttpIsNotFollowed) {
+    const auto openssl = testing::programOnPath("openssl");
+    if (!openssl) GTEST_SKIP() << "the openssl tool is not installed";
+    testing::TempDir directory;
+    const auto certificates = testing::makeTestCertificates(*openssl, directory.path(), "relay.test");
+    ASSERT_TRUE(certificates);
+    testing::BasicLoopbackServer<httplib::SSLServer> secureRelay(
+        [](httplib::Server& routes) {  // 307 repeats the POST, body and all
+            routes.Post("/post/eml", [](const httplib::Request&, httplib::Response& res) {
+                res.set_redirect("http://clear.test:9001/post/eml", 307);
+            });
+        },
+        certificates->serverCertificate.c_str(), certificates->serverKey.c_str());
+    std::atomic<int> clearRequests = 0;
+    relay_.server().Post("/post/eml", [&clearRequests](const httplib::Request&, httplib::Response& res) {
+        ++clearRequests;
+        res.set_content(R"({"<7@x>": "clear source"})", "application/json");
+    });
+    auto result = output(nse({"--relay-url", "https://relay.test", "--cacert", certificates->caCertificate.string(),
+                              "--connect-to", secureRelay.connectTo("relay.test", 9001),
+                              "--connect-to", relay_.connectTo("clear.test", 9001), "--warning", "20", "-"},
+                             newMail()));
+    EXPECT_EQ(result["via"], "handler");
+    EXPECT_EQ(clearRequests, 0);
     EXPECT_EQ(defaults({"read", "group.ios.vontu", "EML_acct_<7@x>"}).out, "");
 }
 
