@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <nlohmann/json.hpp>
 
@@ -110,6 +114,33 @@ TEST_F(VontuNse, DeliversNewMailStoresTheMessageAndFromSystem15UsesACachedAvatar
         EXPECT_TRUE(before15["content"]["communication"].is_null()) << version;
         EXPECT_EQ(before15["content"]["body"], "Hi");
         EXPECT_EQ(before15["content"]["sound"], (json{{"named", "notif.aiff"}}));
+    }
+}
+
+// A file that exists but cannot be read is taken as no file; a FIFO never holds the push up.
+TEST_F(VontuNse, AnAvatarThatCannotBeReadGivesTheInitialsBadgeAsAMissingOneDoes) {
+    relayAnswers(R"({"<7@x>": "raw source"})");
+    const auto senderImage = [&] {
+        auto result = output(nse(relayArgs({"--warning", "20"}), newMail()));
+        EXPECT_EQ(result["via"], "handler");
+        return result["content"]["communication"]["sender"]["image"]["data"];
+    };
+    const json badge = senderImage();
+    ASSERT_TRUE(badge.is_string());
+    const auto avatars = home_.path() / "groups" / "group.ios.vontu" / "Avatars";
+    const auto avatar = avatars / "18405C77ABB15C778D2EF31F8564DC43.png";
+    std::filesystem::create_directories(avatars);
+    const std::pair<const char*, std::function<bool()>> unreadable[] = {
+        {"directory", [&] { return std::filesystem::create_directory(avatar); }},
+        {"FIFO", [&] { return ::mkfifo(avatar.c_str(), 0600) == 0; }},
+        // The owner-only bits keep nobody but root out.
+        {"no permission", [&] { std::ofstream(avatar) << "secret"; return ::geteuid() != 0 && ::chmod(avatar.c_str(), 0) == 0; }},
+    };
+    for (const auto& [kind, make] : unreadable) {
+        SCOPED_TRACE(kind);
+        std::filesystem::remove_all(avatar);
+        if (!make()) continue;
+        EXPECT_TRUE(senderImage() == badge);  // (no base64 screens in the failure)
     }
 }
 
