@@ -4,6 +4,7 @@
 
 #include <cmath>
 
+#include "extension/JsonData.hpp"
 #include "extension/QLXNotificationHelper.hpp"
 #include "extension/QLXPushTern.hpp"
 #include "extension/QLXSoundsManager.hpp"
@@ -232,17 +233,17 @@ void NotificationService::fetchEMLForUid(const std::optional<std::string>& uid,
                  completion(std::nullopt, std::nullopt);
                  return;
              }
-             json answer = json::parse(data->begin(), data->end(), nullptr, false);
-             if (answer.is_discarded() || !answer.is_object() || answer.contains("error")) {
+             std::optional<json> parsed = jsonObjectWithData(std::move(*data));
+             if (!parsed || !parsed->is_object() || parsed->contains("error")) {
                  completion(std::nullopt, std::nullopt);
                  return;
              }
              // An object without keys gets no answer at all: the push then waits for the
              // system's expiry.
-             if (answer.empty()) return;
+             if (parsed->empty()) return;
              // Moved, not copied: copying a value recurses once per level of nesting, and a
              // deeply nested answer would overflow this thread's stack.
-             auto first = answer.begin();
+             auto first = parsed->begin();
              completion(first.key(), std::move(first.value()));
          });
 }

@@ -129,6 +129,50 @@ TEST_F(NotificationServiceTest, OnlyAnAnswerWithAMessageIsStoredAndOnlyItsFirstK
     EXPECT_TRUE(defaults().objectForKey("EML_Work@Example.com_a"));
 }
 
+// text in UTF-16 (unitBytes 2) or UTF-32 (4), in the byte order given, behind a byte order mark
+// or not.
+std::string encoded(std::u32string_view text, int unitBytes, bool bigEndian, bool withMark) {
+    std::string bytes;
+    const auto put = [&](char32_t unit) {
+        for (int i = 0; i < unitBytes; ++i) {
+            const int shift = 8 * (bigEndian ? unitBytes - 1 - i : i);
+            bytes += static_cast<char>((unit >> shift) & 0xFF);
+        }
+    };
+    if (withMark) put(0xFEFF);
+    for (char32_t c : text) {
+        if (unitBytes == 2 && c > 0xFFFF) {
+            put(0xD800 + ((c - 0x10000) >> 10));
+            put(0xDC00 + ((c - 0x10000) & 0x3FF));
+        } else {
+            put(c);
+        }
+    }
+    return bytes;
+}
+
+// The phone's JSON parser reads UTF-16 and UTF-32 as well, told apart by a byte order mark or by
+// where the zero bytes of the first characters fall.
+TEST_F(NotificationServiceTest, AnAnswerInUtf16OrUtf32IsReadAsThePhoneReadsIt) {
+    const std::u32string answer = U"{\"m\": \"caf\u00E9 \U0001F600\"}";
+    for (const int unitBytes : {2, 4}) {
+        for (const bool bigEndian : {false, true}) {
+            for (const bool withMark : {false, true}) {
+                SCOPED_TRACE(::testing::Message() << unitBytes << (bigEndian ? " BE" : " LE") << (withMark ? " BOM" : ""));
+                relayAnswers(encoded(answer, unitBytes, bigEndian, withMark));
+                ASSERT_TRUE(deliver(push(newMail())));
+                EXPECT_EQ(defaults().objectForKey("EML_Work@Example.com_m"),
+                          PlistValue(PlistDictionary{{"eml", "caf\u00E9 \U0001F600"}}));
+                defaults().removeObject("EML_Work@Example.com_m");
+            }
+        }
+    }
+    // A lone surrogate is no text: nothing to store.
+    relayAnswers(encoded(U"{\"m\": \"\xD800\"}", 2, false, false));
+    ASSERT_TRUE(deliver(push(newMail())));
+    EXPECT_TRUE(defaults().dictionaryRepresentation().empty());
+}
+
 TEST_F(NotificationServiceTest, AnEmptyObjectIsDeliveredOnlyByTheExpiryWarning) {
     relayAnswers("{}");
     vontu::testing::CompletionRecorder<NotificationContent> first;
