@@ -24,6 +24,10 @@ namespace {
 
 constexpr const char* kReadReceiptCategory = "ReadNotif";
 
+// The largest relay answer taken: a message with its attachments, held at most twice at once
+// (the answer and its parsed text, then the source and its stored form).
+constexpr std::size_t kLargestRelayAnswer = 16u * 1024u * 1024u;
+
 // A payload string; a value of another type counts as absent.
 std::optional<std::string> stringIn(const json& object, const char* key) {
     if (!object.is_object()) return std::nullopt;
@@ -175,7 +179,7 @@ void NotificationService::prepareNewMail(const json& aps) {
     fetchEMLForUid(stringIn(aps, "uid"), session, stringIn(aps, "token"),
                    [self, aps, session](std::optional<std::string> key,
                                         std::optional<json> value) {
-                       self->storeFetchedMessage(aps, session, key, value);
+                       self->storeFetchedMessage(aps, session, key, std::move(value));
                        self->deliverBestAttempt();
                    });
 }
@@ -183,9 +187,11 @@ void NotificationService::prepareNewMail(const json& aps) {
 void NotificationService::storeFetchedMessage(const json& aps,
                                               const std::optional<std::string>& session,
                                               const std::optional<std::string>& key,
-                                              const std::optional<json>& value) {
+                                              std::optional<json> value) {
     if (!value || !value->is_string() || value->get_ref<const std::string&>().empty()) return;
-    PlistDictionary record{{"eml", value->get<std::string>()}};
+    // Moved in, not copied (as a braced list would): a message source may be many megabytes.
+    PlistDictionary record;
+    record.emplace("eml", std::move(value->get_ref<std::string&>()));
     for (const char* field : {"gid", "gtid"}) {
         if (!aps.contains(field)) continue;
         // Kept as the payload had it; a value with no defaults form (null) is left out.
@@ -267,6 +273,7 @@ void NotificationService::post(const PlistDictionary& body, const std::string& u
                        {"Content-Type", "application/json; charset=UTF-8"},
                        {"Content-Length", fmt::format("{}", serialized ? serialized->size() : 0)}};
     if (serialized) request.body = platform::toBytes(*serialized);
+    request.maxResponseBytes = kLargestRelayAnswer;
     platform::Env::current().sharedUrlSession()->dataTask(std::move(request),
                                                           std::move(completion));
 }

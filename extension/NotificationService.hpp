@@ -56,7 +56,7 @@ private:
     void prepareNewMail(const nlohmann::json& aps);
     void storeFetchedMessage(const nlohmann::json& aps, const std::optional<std::string>& session,
                              const std::optional<std::string>& key,
-                             const std::optional<nlohmann::json>& value);
+                             std::optional<nlohmann::json> value);
     void deliverBestAttempt();
 
     std::string relayBaseUrl_;

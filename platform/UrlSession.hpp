@@ -24,6 +24,8 @@ struct UrlRequest {
     std::optional<Bytes> body;
     // Idle time-out of this request in seconds; absent uses the session's request time-out.
     std::optional<double> timeoutInterval;
+    // The largest response body this request takes; absent uses the session's.
+    std::optional<std::size_t> maxResponseBytes;
 };
 
 struct HttpUrlResponse {

@@ -8,6 +8,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -185,12 +186,27 @@ std::size_t onHeaderLine(char* data, std::size_t size, std::size_t count, void* 
     return length;
 }
 
+// Room for the whole body at once, when its length is announced and it comes as it is sent
+// (not compressed): a buffer that grows step by step would copy itself on the way and, at its
+// last step, take twice the body's size.
+void reserveAnnouncedLength(Transfer& transfer) {
+    const auto announced = transfer.response.headerValue("Content-Length");
+    if (!announced || transfer.response.headerValue("Content-Encoding")) return;
+    std::size_t length = 0;
+    const char* end = announced->data() + announced->size();
+    const auto [parsedTo, problem] = std::from_chars(announced->data(), end, length);
+    // A body above the limit is refused at its first bytes: no room for it.
+    if (problem != std::errc() || parsedTo != end || length > transfer.maxBytes) return;
+    transfer.body.reserve(length);
+}
+
 // Returning less than was handed over makes curl stop the transfer with a write error; the
 // flags tell why.
 std::size_t onBodyBytes(char* data, std::size_t size, std::size_t count, void* user) {
     auto& transfer = *static_cast<Transfer*>(user);
     const std::size_t length = size * count;
     transfer.noteActivity();
+    if (transfer.file == nullptr && transfer.body.capacity() == 0) reserveAnnouncedLength(transfer);
     if (length > transfer.maxBytes - transfer.receivedBytes) {
         transfer.tooLarge = true;
         return 0;
@@ -640,7 +656,7 @@ private:
         // Counted on the bytes of the body delivered. Not CURLOPT_MAXFILESIZE: curl applies it
         // to the announced length of every response, also a redirect's or a HEAD's, whose body
         // nobody reads.
-        transfer.maxBytes = config_.maxResponseBytes;
+        transfer.maxBytes = transfer.request.maxResponseBytes.value_or(config_.maxResponseBytes);
         curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, onHeaderLine);
         curl_easy_setopt(easy, CURLOPT_HEADERDATA, &transfer);
         curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, onBodyBytes);

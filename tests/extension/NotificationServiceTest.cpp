@@ -129,6 +129,24 @@ TEST_F(NotificationServiceTest, OnlyAnAnswerWithAMessageIsStoredAndOnlyItsFirstK
     EXPECT_TRUE(defaults().objectForKey("EML_Work@Example.com_a"));
 }
 
+// A mail with attachments is larger than any other download; beyond the relay's own limit the
+// mail is still delivered, without its source.
+TEST_F(NotificationServiceTest, MessageSourcesOfUpToSixteenMebibytesAreStored) {
+    constexpr std::size_t mebibyte = 1024 * 1024;
+    const auto answerOf = [](std::size_t bytes) { return R"({"m":")" + std::string(bytes - 8, 'x') + R"("})"; };
+    for (const auto& [answerBytes, stored] : {std::pair{16 * mebibyte, true}, std::pair{16 * mebibyte + 1, false}}) {
+        SCOPED_TRACE(answerBytes);
+        relayAnswers(answerOf(answerBytes));
+        ASSERT_TRUE(deliver(push(newMail())));
+        const auto record = defaults().objectForKey("EML_Work@Example.com_m");
+        ASSERT_EQ(record.has_value(), stored);
+        if (!stored) continue;
+        const auto* source = record->as<PlistDictionary>()->at("eml").as<std::string>();
+        EXPECT_EQ(source->size(), answerBytes - 8);
+        defaults().removeObject("EML_Work@Example.com_m");
+    }
+}
+
 // text in UTF-16 (unitBytes 2) or UTF-32 (4), in the byte order given, behind a byte order mark
 // or not.
 std::string encoded(std::u32string_view text, int unitBytes, bool bigEndian, bool withMark) {
