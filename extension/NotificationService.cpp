@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <chrono>
 #include <cmath>
 
 #include "extension/JsonData.hpp"
@@ -27,6 +28,9 @@ constexpr const char* kReadReceiptCategory = "ReadNotif";
 // The largest relay answer taken: a message with its attachments, held at most twice at once
 // (the answer and its parsed text, then the source and its stored form).
 constexpr std::size_t kLargestRelayAnswer = 16u * 1024u * 1024u;
+
+// The pause between two attempts to store a fetched message.
+constexpr std::chrono::milliseconds kStoreRetryPause{250};
 
 // A payload string; a value of another type counts as absent.
 std::optional<std::string> stringIn(const json& object, const char* key) {
@@ -197,12 +201,31 @@ void NotificationService::storeFetchedMessage(const json& aps,
         // Kept as the payload had it; a value with no defaults form (null) is left out.
         if (auto converted = platform::plistFromPlainJson(aps.at(field))) record[field] = *converted;
     }
-    if (auto defaults = sharedDefaults()) {
-        defaults->setObject(record, fmt::format("EML_{}_{}", formatted(session), formatted(key)));
+    const std::string recordKey = fmt::format("EML_{}_{}", formatted(session), formatted(key));
+    if (!storeUntilExpiry(record, recordKey)) {
+        logLine(fmt::format("Could not store {}: the shared defaults could not be written", recordKey));
+    }
+}
+
+// The main app may hold the shared defaults' write lock for longer than one write waits for
+// it. The message source is then lost unless it is tried again, for as long as the push may
+// take: until the expiry warning, which delivers the content without it.
+bool NotificationService::storeUntilExpiry(const PlistDictionary& record, const std::string& key) {
+    while (true) {
+        auto defaults = sharedDefaults();
+        if (defaults && defaults->setObject(record, key)) return true;
+        std::unique_lock lock(expiryMutex_);
+        // A write that fails at once (a full disk, a read-only store) must not spin.
+        if (expiryWarning_.wait_for(lock, kStoreRetryPause, [this] { return expiryWarned_; })) return false;
     }
 }
 
 void NotificationService::serviceExtensionTimeWillExpire() {
+    {
+        std::lock_guard lock(expiryMutex_);
+        expiryWarned_ = true;
+    }
+    expiryWarning_.notify_all();
     if (platform::Env::current().systemVersionAtLeast(13, 0) && didHandle_) {
         bridge_().serviceExtensionTimeWillExpire();
     }
