@@ -25,8 +25,9 @@ namespace {
 
 constexpr const char* kReadReceiptCategory = "ReadNotif";
 
-// The largest relay answer taken: a message with its attachments, held at most twice at once
-// (the answer and its parsed text, then the source and its stored form).
+// The largest relay answer taken: a mail with some 11 MB of attachments. Memory sets it: while
+// it is parsed and stored an answer is held several times over (the answer, the parsed value,
+// the stored form and the database's record), some five times its size at the peak.
 constexpr std::size_t kLargestRelayAnswer = 16u * 1024u * 1024u;
 
 // The pause between two attempts to store a fetched message.
