@@ -2,8 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <chrono>
 #include <cmath>
 
+#include "extension/JsonData.hpp"
 #include "extension/QLXNotificationHelper.hpp"
 #include "extension/QLXPushTern.hpp"
 #include "extension/QLXSoundsManager.hpp"
@@ -22,6 +24,14 @@ using platform::PlistValue;
 namespace {
 
 constexpr const char* kReadReceiptCategory = "ReadNotif";
+
+// The largest relay answer taken: a mail with some 11 MB of attachments. Memory sets it: while
+// it is parsed and stored an answer is held several times over (the answer, the parsed value,
+// the stored form and the database's record), some five times its size at the peak.
+constexpr std::size_t kLargestRelayAnswer = 16u * 1024u * 1024u;
+
+// The pause between two attempts to store a fetched message.
+constexpr std::chrono::milliseconds kStoreRetryPause{250};
 
 // A payload string; a value of another type counts as absent.
 std::optional<std::string> stringIn(const json& object, const char* key) {
@@ -179,7 +189,7 @@ void NotificationService::prepareNewMail(const json& aps) {
     fetchEMLForUid(stringIn(aps, "uid"), session, stringIn(aps, "token"),
                    [self, aps, session](std::optional<std::string> key,
                                         std::optional<json> value) {
-                       self->storeFetchedMessage(aps, session, key, value);
+                       self->storeFetchedMessage(aps, session, key, std::move(value));
                        self->deliverBestAttempt();
                    });
 }
@@ -187,20 +197,41 @@ void NotificationService::prepareNewMail(const json& aps) {
 void NotificationService::storeFetchedMessage(const json& aps,
                                               const std::optional<std::string>& session,
                                               const std::optional<std::string>& key,
-                                              const std::optional<json>& value) {
+                                              std::optional<json> value) {
     if (!value || !value->is_string() || value->get_ref<const std::string&>().empty()) return;
-    PlistDictionary record{{"eml", value->get<std::string>()}};
+    // Moved in, not copied (as a braced list would): a message source may be many megabytes.
+    PlistDictionary record;
+    record.emplace("eml", std::move(value->get_ref<std::string&>()));
     for (const char* field : {"gid", "gtid"}) {
         if (!aps.contains(field)) continue;
         // Kept as the payload had it; a value with no defaults form (null) is left out.
         if (auto converted = platform::plistFromPlainJson(aps.at(field))) record[field] = *converted;
     }
-    if (auto defaults = sharedDefaults()) {
-        defaults->setObject(record, fmt::format("EML_{}_{}", formatted(session), formatted(key)));
+    const std::string recordKey = fmt::format("EML_{}_{}", formatted(session), formatted(key));
+    if (!storeUntilExpiry(record, recordKey)) {
+        logLine(fmt::format("Could not store {}: the shared defaults could not be written", recordKey));
+    }
+}
+
+// The main app may hold the shared defaults' write lock for longer than one write waits for
+// it. The message source is then lost unless it is tried again, for as long as the push may
+// take: until the expiry warning, which delivers the content without it.
+bool NotificationService::storeUntilExpiry(const PlistDictionary& record, const std::string& key) {
+    while (true) {
+        auto defaults = sharedDefaults();
+        if (defaults && defaults->setObject(record, key)) return true;
+        std::unique_lock lock(expiryMutex_);
+        // A write that fails at once (a full disk, a read-only store) must not spin.
+        if (expiryWarning_.wait_for(lock, kStoreRetryPause, [this] { return expiryWarned_; })) return false;
     }
 }
 
 void NotificationService::serviceExtensionTimeWillExpire() {
+    {
+        std::lock_guard lock(expiryMutex_);
+        expiryWarned_ = true;
+    }
+    expiryWarning_.notify_all();
     if (platform::Env::current().systemVersionAtLeast(13, 0) && didHandle_) {
         bridge_().serviceExtensionTimeWillExpire();
     }
@@ -237,17 +268,17 @@ void NotificationService::fetchEMLForUid(const std::optional<std::string>& uid,
                  completion(std::nullopt, std::nullopt);
                  return;
              }
-             json answer = json::parse(data->begin(), data->end(), nullptr, false);
-             if (answer.is_discarded() || !answer.is_object() || answer.contains("error")) {
+             std::optional<json> parsed = jsonObjectWithData(std::move(*data));
+             if (!parsed || !parsed->is_object() || parsed->contains("error")) {
                  completion(std::nullopt, std::nullopt);
                  return;
              }
              // An object without keys gets no answer at all: the push then waits for the
              // system's expiry.
-             if (answer.empty()) return;
+             if (parsed->empty()) return;
              // Moved, not copied: copying a value recurses once per level of nesting, and a
              // deeply nested answer would overflow this thread's stack.
-             auto first = answer.begin();
+             auto first = parsed->begin();
              completion(first.key(), std::move(first.value()));
          });
 }
@@ -271,6 +302,7 @@ void NotificationService::post(const PlistDictionary& body, const std::string& u
                        {"Content-Type", "application/json; charset=UTF-8"},
                        {"Content-Length", fmt::format("{}", serialized ? serialized->size() : 0)}};
     if (serialized) request.body = platform::toBytes(*serialized);
+    request.maxResponseBytes = kLargestRelayAnswer;
     platform::Env::current().sharedUrlSession()->dataTask(std::move(request),
                                                           std::move(completion));
 }

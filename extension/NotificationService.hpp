@@ -1,7 +1,9 @@
 #pragma once
 
+#include <condition_variable>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -56,7 +58,10 @@ private:
     void prepareNewMail(const nlohmann::json& aps);
     void storeFetchedMessage(const nlohmann::json& aps, const std::optional<std::string>& session,
                              const std::optional<std::string>& key,
-                             const std::optional<nlohmann::json>& value);
+                             std::optional<nlohmann::json> value);
+    // Stores the record, trying again while the expiry warning has not come; false when it
+    // could not be stored.
+    bool storeUntilExpiry(const platform::PlistDictionary& record, const std::string& key);
     void deliverBestAttempt();
 
     std::string relayBaseUrl_;
@@ -66,6 +71,10 @@ private:
     std::optional<platform::NotificationContent> bestAttemptContent_;
     platform::NotificationContent originalContent_;
     bool didHandle_ = false;
+    // Set by the expiry warning, which ends the fetched message's attempts to be stored.
+    std::mutex expiryMutex_;
+    std::condition_variable expiryWarning_;
+    bool expiryWarned_ = false;
 };
 
 }  // namespace vontu::extension

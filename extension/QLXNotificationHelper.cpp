@@ -56,15 +56,12 @@ std::optional<Bytes> drawBadge(const std::string& initials, const Rgba& color) {
     return canvas->pngRepresentation();
 }
 
-// The cached avatar when there is a file for the address (its bytes as they are, or nothing
-// when it cannot be read), else the drawn badge.
+// The cached avatar's bytes as they are, else the drawn badge. A file there that cannot be read
+// (a directory, a FIFO, no permission) counts as no file: the sender still gets a picture, and
+// the read never waits on a FIFO.
 std::optional<Bytes> pictureOfSender(const std::string& name, const std::string& email) {
-    Env& env = Env::current();
-    auto cached = QLXNotificationHelper::imagePathForSender(email);
-    if (cached && env.fileExists(*cached)) {
-        auto contents = env.readFile(*cached);
-        if (!contents) return std::nullopt;
-        return std::move(*contents);
+    if (auto cached = QLXNotificationHelper::imagePathForSender(email)) {
+        if (auto contents = Env::current().readFile(*cached)) return std::move(*contents);
     }
     return QLXNotificationHelper::initialForSenderName(name, email);
 }

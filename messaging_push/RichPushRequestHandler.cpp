@@ -23,14 +23,12 @@ void RichPushRequestHandler::startRequest(const vontu::platform::NotificationReq
     std::shared_ptr<RichPushRequest> richPushRequest;
     {
         std::lock_guard guard(insertion_);
-        auto requests = requests_.wrappedValue();
-        if (requests.contains(request.identifier)) return;
-
         const auto initialized = sdkInitializedUtil_->postInitializedData();
         if (!initialized) return;
 
         richPushRequest = std::make_shared<RichPushRequest>(
             std::move(completionHandler), std::move(content), initialized->diGraph->httpClient());
+        auto requests = requests_.wrappedValue();
         requests.emplace(request.identifier, richPushRequest);
         requests_.setWrappedValue(std::move(requests));
     }

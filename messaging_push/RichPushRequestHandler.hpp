@@ -16,9 +16,9 @@ namespace tern {
 // The rich pushes being composed in this process, by notification request identifier, so that
 // all of them can be finished at once when the system's time runs out.
 //
-// A request stays registered for the life of the process, also after it completed; a second
-// request with an identifier already registered is ignored altogether (its completion never
-// runs), as the system never sends one request twice.
+// A request stays registered for the life of the process, also after it completed. The system
+// may hand the same push to a reused process twice: a request whose identifier is registered
+// already is registered beside the earlier one and composed and delivered as well.
 class RichPushRequestHandler {
 public:
     // The process's registry, created on first use and never destroyed: download completions
@@ -31,8 +31,8 @@ public:
     RichPushRequestHandler(const RichPushRequestHandler&) = delete;
     RichPushRequestHandler& operator=(const RichPushRequestHandler&) = delete;
 
-    // Registers and starts a request for the push; does nothing when the identifier is already
-    // registered or the library is not initialised.
+    // Registers and starts a request for the push; does nothing when the library is not
+    // initialised.
     void startRequest(const vontu::platform::NotificationRequest& request,
                       std::shared_ptr<TernParsedPushPayload> content,
                       RichPushRequest::CompletionHandler completionHandler);
@@ -40,11 +40,11 @@ public:
     void stopAll();
 
 private:
-    using Requests = std::map<std::string, std::shared_ptr<RichPushRequest>>;
+    using Requests = std::multimap<std::string, std::shared_ptr<RichPushRequest>>;
 
     const std::shared_ptr<SdkInitializedUtil> sdkInitializedUtil_;
-    // Every read and write of the whole map is exclusive. An insertion reads the map, checks
-    // the identifier and writes it back; insertion_ keeps those steps one.
+    // Every read and write of the whole map is exclusive. An insertion reads the map and writes
+    // it back; insertion_ keeps those steps one.
     std::mutex insertion_;
     Atomic<Requests> requests_{Requests{}};
 };

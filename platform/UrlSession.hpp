@@ -24,6 +24,8 @@ struct UrlRequest {
     std::optional<Bytes> body;
     // Idle time-out of this request in seconds; absent uses the session's request time-out.
     std::optional<double> timeoutInterval;
+    // The largest response body this request takes; absent uses the session's.
+    std::optional<std::size_t> maxResponseBytes;
 };
 
 struct HttpUrlResponse {
@@ -88,7 +90,10 @@ public:
 };
 
 // A URL session: runs HTTP(S) tasks concurrently on a thread of its own and calls each task's
-// completion exactly once, on that thread. TLS certificates are always verified. Sessions are
+// completion exactly once, on that thread. TLS certificates are always verified, and a task
+// that starts over https never follows a redirect out of it: it fails with
+// networkConnectionLost, as the network's fault, instead of sending its headers and body in
+// clear. Redirects to another host go on without the Authorization header. Sessions are
 // shared_ptr-owned; a session that is destroyed cancels what is still running.
 class UrlSession : public AutoMockable {
 public:

@@ -8,6 +8,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -34,6 +35,9 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* allowedProtocols = "http,https";
+// Where a request that started over TLS may be redirected: never out of TLS, where its
+// credentials and body would travel in clear.
+constexpr const char* secureRedirectProtocols = "https";
 constexpr const char* cancelledDescription = "cancelled";
 // Where curl looks for the system's trusted certificates when it was built without a default.
 constexpr const char* fallbackSystemCaBundle = "/etc/ssl/certs/ca-certificates.crt";
@@ -141,6 +145,7 @@ struct Transfer {
 
     std::atomic<bool> cancelRequested{false};
     bool refused = false;  // set under the session's lock before the thread sees the transfer
+    bool startedSecure = false;  // the request's own URL is https
 
     CURL* easy = nullptr;
     curl_slist* headerList = nullptr;
@@ -181,12 +186,27 @@ std::size_t onHeaderLine(char* data, std::size_t size, std::size_t count, void* 
     return length;
 }
 
+// Room for the whole body at once, when its length is announced and it comes as it is sent
+// (not compressed): a buffer that grows step by step would copy itself on the way and, at its
+// last step, take twice the body's size.
+void reserveAnnouncedLength(Transfer& transfer) {
+    const auto announced = transfer.response.headerValue("Content-Length");
+    if (!announced || transfer.response.headerValue("Content-Encoding")) return;
+    std::size_t length = 0;
+    const char* end = announced->data() + announced->size();
+    const auto [parsedTo, problem] = std::from_chars(announced->data(), end, length);
+    // A body above the limit is refused at its first bytes: no room for it.
+    if (problem != std::errc() || parsedTo != end || length > transfer.maxBytes) return;
+    transfer.body.reserve(length);
+}
+
 // Returning less than was handed over makes curl stop the transfer with a write error; the
 // flags tell why.
 std::size_t onBodyBytes(char* data, std::size_t size, std::size_t count, void* user) {
     auto& transfer = *static_cast<Transfer*>(user);
     const std::size_t length = size * count;
     transfer.noteActivity();
+    if (transfer.file == nullptr && transfer.body.capacity() == 0) reserveAnnouncedLength(transfer);
     if (length > transfer.maxBytes - transfer.receivedBytes) {
         transfer.tooLarge = true;
         return 0;
@@ -217,20 +237,23 @@ int onProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_o
 // ---------------------------------------------------------------------------------------------
 // Turning a request into curl options.
 
-std::optional<UrlError> checkUrl(const std::string& url) {
+// Whether the URL is https (else it is http); a problem when it is neither or no URL at all.
+std::expected<bool, UrlError> checkUrl(const std::string& url) {
     CURLU* parsed = curl_url();
-    if (parsed == nullptr) return makeError(UrlError::Code::other, "out of memory");
-    std::optional<UrlError> problem;
+    if (parsed == nullptr) return std::unexpected(makeError(UrlError::Code::other, "out of memory"));
+    std::expected<bool, UrlError> secure;
     char* scheme = nullptr;
     if (curl_url_set(parsed, CURLUPART_URL, url.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK ||
         curl_url_get(parsed, CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK) {
-        problem = makeError(UrlError::Code::badUrl, "bad URL: " + url);
-    } else if (!equalsIgnoringCase(scheme, "http") && !equalsIgnoringCase(scheme, "https")) {
-        problem = makeError(UrlError::Code::badUrl, "unsupported URL: " + url);
+        secure = std::unexpected(makeError(UrlError::Code::badUrl, "bad URL: " + url));
+    } else if (equalsIgnoringCase(scheme, "http") || equalsIgnoringCase(scheme, "https")) {
+        secure = equalsIgnoringCase(scheme, "https");
+    } else {
+        secure = std::unexpected(makeError(UrlError::Code::badUrl, "unsupported URL: " + url));
     }
     curl_free(scheme);
     curl_url_cleanup(parsed);
-    return problem;
+    return secure;
 }
 
 // Appends to a curl header list; on failure the whole list is freed.
@@ -374,6 +397,12 @@ UrlError errorForCurlResult(const Transfer& transfer, CURLcode result) {
                          "cannot write the download to " + transfer.filePath.string() + ": " + std::strerror(transfer.writeErrno));
     }
     const std::string detail = transfer.errorText[0] != '\0' ? transfer.errorText.data() : curl_easy_strerror(result);
+    // The request's own URL was checked to be https, so only a redirect can have left TLS. It
+    // fails as the network's fault: the server may well send it somewhere secure next time,
+    // and callers keep what they sent for that.
+    if (transfer.startedSecure && result == CURLE_UNSUPPORTED_PROTOCOL) {
+        return makeError(UrlError::Code::networkConnectionLost, "a redirect out of https was refused: " + detail);
+    }
     return makeError(codeForCurlResult(result), detail);
 }
 
@@ -580,7 +609,9 @@ private:
     // Sets the transfer up and hands it to curl; a problem is returned instead when it cannot be.
     std::optional<UrlError> start(Transfer& transfer) {
         if (setupError_) return setupError_;
-        if (auto badUrl = checkUrl(transfer.request.url)) return badUrl;
+        const auto secure = checkUrl(transfer.request.url);
+        if (!secure) return secure.error();
+        transfer.startedSecure = *secure;
         const std::string& method = transfer.request.method;
         if (!method.empty() && !isToken(method)) return makeError(UrlError::Code::other, "invalid HTTP method: " + method);
         auto headers = headerListFor(transfer.request, config_.additionalHeaders);
@@ -607,7 +638,8 @@ private:
         // (which may take the resolver's whole time-out) nor holds up the process's exit.
         curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
         curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, allowedProtocols);
-        curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, allowedProtocols);
+        curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR,
+                         transfer.startedSecure ? secureRedirectProtocols : allowedProtocols);
         curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
         curl_easy_setopt(easy, CURLOPT_MAXREDIRS, std::max(config_.maxRedirects, 0L));
         // Certificates and host names are always checked; 2 is curl's "verify the host name".
@@ -627,7 +659,7 @@ private:
         // Counted on the bytes of the body delivered. Not CURLOPT_MAXFILESIZE: curl applies it
         // to the announced length of every response, also a redirect's or a HEAD's, whose body
         // nobody reads.
-        transfer.maxBytes = config_.maxResponseBytes;
+        transfer.maxBytes = transfer.request.maxResponseBytes.value_or(config_.maxResponseBytes);
         curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, onHeaderLine);
         curl_easy_setopt(easy, CURLOPT_HEADERDATA, &transfer);
         curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, onBodyBytes);

@@ -129,6 +129,68 @@ TEST_F(NotificationServiceTest, OnlyAnAnswerWithAMessageIsStoredAndOnlyItsFirstK
     EXPECT_TRUE(defaults().objectForKey("EML_Work@Example.com_a"));
 }
 
+// A mail with attachments is larger than any other download; beyond the relay's own limit the
+// mail is still delivered, without its source.
+TEST_F(NotificationServiceTest, MessageSourcesOfUpToSixteenMebibytesAreStored) {
+    constexpr std::size_t mebibyte = 1024 * 1024;
+    const auto answerOf = [](std::size_t bytes) { return R"({"m":")" + std::string(bytes - 8, 'x') + R"("})"; };
+    for (const auto& [answerBytes, stored] : {std::pair{16 * mebibyte, true}, std::pair{16 * mebibyte + 1, false}}) {
+        SCOPED_TRACE(answerBytes);
+        relayAnswers(answerOf(answerBytes));
+        ASSERT_TRUE(deliver(push(newMail())));
+        const auto record = defaults().objectForKey("EML_Work@Example.com_m");
+        ASSERT_EQ(record.has_value(), stored);
+        if (!stored) continue;
+        const auto* source = record->as<PlistDictionary>()->at("eml").as<std::string>();
+        EXPECT_EQ(source->size(), answerBytes - 8);
+        defaults().removeObject("EML_Work@Example.com_m");
+    }
+}
+
+// text in UTF-16 (unitBytes 2) or UTF-32 (4), in the byte order given, behind a byte order mark
+// or not.
+std::string encoded(std::u32string_view text, int unitBytes, bool bigEndian, bool withMark) {
+    std::string bytes;
+    const auto put = [&](char32_t unit) {
+        for (int i = 0; i < unitBytes; ++i) {
+            const int shift = 8 * (bigEndian ? unitBytes - 1 - i : i);
+            bytes += static_cast<char>((unit >> shift) & 0xFF);
+        }
+    };
+    if (withMark) put(0xFEFF);
+    for (char32_t c : text) {
+        if (unitBytes == 2 && c > 0xFFFF) {
+            put(0xD800 + ((c - 0x10000) >> 10));
+            put(0xDC00 + ((c - 0x10000) & 0x3FF));
+        } else {
+            put(c);
+        }
+    }
+    return bytes;
+}
+
+// The phone's JSON parser reads UTF-16 and UTF-32 as well, told apart by a byte order mark or by
+// where the zero bytes of the first characters fall.
+TEST_F(NotificationServiceTest, AnAnswerInUtf16OrUtf32IsReadAsThePhoneReadsIt) {
+    const std::u32string answer = U"{\"m\": \"caf\u00E9 \U0001F600\"}";
+    for (const int unitBytes : {2, 4}) {
+        for (const bool bigEndian : {false, true}) {
+            for (const bool withMark : {false, true}) {
+                SCOPED_TRACE(::testing::Message() << unitBytes << (bigEndian ? " BE" : " LE") << (withMark ? " BOM" : ""));
+                relayAnswers(encoded(answer, unitBytes, bigEndian, withMark));
+                ASSERT_TRUE(deliver(push(newMail())));
+                EXPECT_EQ(defaults().objectForKey("EML_Work@Example.com_m"),
+                          PlistValue(PlistDictionary{{"eml", "caf\u00E9 \U0001F600"}}));
+                defaults().removeObject("EML_Work@Example.com_m");
+            }
+        }
+    }
+    // A lone surrogate is no text: nothing to store.
+    relayAnswers(encoded(U"{\"m\": \"\xD800\"}", 2, false, false));
+    ASSERT_TRUE(deliver(push(newMail())));
+    EXPECT_TRUE(defaults().dictionaryRepresentation().empty());
+}
+
 TEST_F(NotificationServiceTest, AnEmptyObjectIsDeliveredOnlyByTheExpiryWarning) {
     relayAnswers("{}");
     vontu::testing::CompletionRecorder<NotificationContent> first;

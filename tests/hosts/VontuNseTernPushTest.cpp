@@ -4,10 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <ctime>
 #include <fstream>
 #include <memory>
 #include <regex>
+#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -64,15 +66,17 @@ protected:
         return "http://127.0.0.1:" + std::to_string(images_->port()) + "/images/banner.png";
     }
 
+    // push: one request, or for --serve the text of its input lines.
     testing::ProcessResult nse(std::vector<std::string> args, const json& push,
                                const std::map<std::string, std::string>& environment = {}) {
         const std::string port = std::to_string(tracking_->port());
+        const bool serving = std::ranges::find(args, "--serve") != args.end();
         args.insert(args.begin(),
                     {"--home", home_.path().string(), "--cacert", certificates_->caCertificate.string(),
                      "--connect-to", std::string(trackingHost) + ":443:127.0.0.1:" + port});
-        args.push_back("-");
-        return testing::runProcess(testing::builtProgram("hosts/vontu-nse"), args, push.dump(),
-                                   environment);
+        if (!serving) args.push_back("-");
+        return testing::runProcess(testing::builtProgram("hosts/vontu-nse"), args,
+                                   serving ? push.get<std::string>() : push.dump(), environment);
     }
     testing::ProcessResult defaults(std::vector<std::string> args) {
         args.insert(args.begin(), {"--home", home_.path().string()});
@@ -195,6 +199,23 @@ TEST_F(VontuNseTernPush, ATrackingApiThatNeverAnswersStillGetsThePushDeliveredAt
         queued += file.path().parent_path().filename() == "tasks";
     }
     EXPECT_EQ(queued, 1u);
+}
+
+// The system may hand one push to the extension twice; a reused process delivers it each time.
+TEST_F(VontuNseTernPush, AReusedProcessDeliversAPushWhoseIdentifierItSawBefore) {
+    imageGate_->open();
+    const json request = {{"identifier", "push-1"},
+                          {"content", {{"title", "Sale"}, {"body", "Half price today"}, {"userInfo", richPush()}}}};
+    auto result = nse({"--serve", "--time-limit", "10"}, request.dump() + "\n" + request.dump() + "\n");
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    std::istringstream lines(result.out);
+    int delivered = 0;
+    for (std::string line; std::getline(lines, line); ++delivered) {
+        json output = json::parse(line, nullptr, false);
+        EXPECT_EQ(output["via"], "handler") << line;
+        EXPECT_EQ(output["content"]["attachments"].size(), 1u) << line;
+    }
+    EXPECT_EQ(delivered, 2);
 }
 
 TEST_F(VontuNseTernPush, APausedLibrarySendsNothingButStillDelivers) {

@@ -2,12 +2,16 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <future>
-#include <string>
-
+#include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <future>
 #include <mutex>
+#include <string>
 #include <nlohmann/json.hpp>
 
 #include "platform/Crypto.hpp"
@@ -152,6 +156,83 @@ TEST_F(VontuNse, DeliversNewMailStoresTheMessageAndFromSystem15UsesACachedAvatar
     }
 }
 
+// A file that exists but cannot be read is taken as no file; a FIFO never holds the push up.
+TEST_F(VontuNse, AnAvatarThatCannotBeReadGivesTheInitialsBadgeAsAMissingOneDoes) {
+    relayAnswers(R"({"<7@x>": "raw source"})");
+    const auto senderImage = [&] {
+        auto result = output(nse(relayArgs({"--warning", "20"}), newMail()));
+        EXPECT_EQ(result["via"], "handler");
+        return result["content"]["communication"]["sender"]["image"]["data"];
+    };
+    const json badge = senderImage();
+    ASSERT_TRUE(badge.is_string());
+    const auto avatars = home_.path() / "groups" / "group.ios.vontu" / "Avatars";
+    const auto avatar = avatars / "18405C77ABB15C778D2EF31F8564DC43.png";
+    std::filesystem::create_directories(avatars);
+    const std::pair<const char*, std::function<bool()>> unreadable[] = {
+        {"directory", [&] { return std::filesystem::create_directory(avatar); }},
+        {"FIFO", [&] { return ::mkfifo(avatar.c_str(), 0600) == 0; }},
+        // The owner-only bits keep nobody but root out.
+        {"no permission", [&] { std::ofstream(avatar) << "secret"; return ::geteuid() != 0 && ::chmod(avatar.c_str(), 0) == 0; }},
+    };
+    for (const auto& [kind, make] : unreadable) {
+        SCOPED_TRACE(kind);
+        std::filesystem::remove_all(avatar);
+        if (!make()) continue;
+        EXPECT_TRUE(senderImage() == badge);  // (no base64 screens in the failure)
+    }
+}
+
+// Holds the write lock of a defaults suite's database, as the main app does while it writes.
+class DefaultsWriteLock {
+public:
+    explicit DefaultsWriteLock(const std::filesystem::path& database) {
+        EXPECT_EQ(sqlite3_open(database.c_str(), &db_), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    }
+    ~DefaultsWriteLock() {
+        release();
+        sqlite3_close(db_);
+    }
+    DefaultsWriteLock(const DefaultsWriteLock&) = delete;
+    DefaultsWriteLock& operator=(const DefaultsWriteLock&) = delete;
+    void release() { sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr); }
+
+private:
+    sqlite3* db_ = nullptr;
+};
+
+// A write waits 5 seconds for the lock; the fetched message is tried again until the expiry
+// warning, and then the content goes without it and a line says so.
+TEST_F(VontuNse, AMessageSourceIsStoredOnceTheMainAppLetsGoOfTheSharedDefaultsWithinThePushsTime) {
+    using namespace std::chrono_literals;
+    static std::promise<void> fetched;  // outlives the server's handler threads
+    relay_.server().Post("/post/eml", [](const httplib::Request&, httplib::Response& res) {
+        try { fetched.set_value(); } catch (const std::future_error&) {}  // the first fetch only
+        res.set_content(R"({"<7@x>": "raw source"})", "application/json");
+    });
+    ASSERT_EQ(defaults({"write", "group.ios.vontu", "DeviceID", R"("d")"}).exitCode, 0);
+    DefaultsWriteLock mainApp(home_.path() / "preferences" / "group.ios.vontu.sqlite");
+    const auto stored = [&] { return defaults({"read", "group.ios.vontu", "EML_acct_<7@x>"}).out; };
+
+    auto held = nse(relayArgs({"--time-limit", "8", "--warning", "1"}), newMail());
+    EXPECT_EQ(output(held)["via"], "expiry");
+    EXPECT_NE(held.err.find("Could not store EML_acct_<7@x>: the shared defaults could not be written"),
+              std::string::npos) << held.err;
+    EXPECT_EQ(stored(), "");
+
+    fetched = {};
+    auto fetchedAgain = fetched.get_future();
+    auto released = std::async(std::launch::async, [&] { return nse(relayArgs(), newMail()); });
+    ASSERT_EQ(fetchedAgain.wait_for(60s), std::future_status::ready);
+    // Past one write's wait, so that the first attempt has failed (unless the extension was
+    // slower still to get to it, when the test shows less but still passes).
+    std::this_thread::sleep_for(7s);
+    mainApp.release();
+    EXPECT_EQ(output(released.get())["via"], "handler");
+    EXPECT_EQ(json::parse(stored(), nullptr, false), (json{{"eml", "raw source"}}));
+}
+
 // An installation whose network module cannot be loaded goes on as without a network: the push
 // is shown at once, and nothing is stored for the main app.
 TEST_F(VontuNse, WithoutItsNetworkModuleNewMailIsDeliveredAtOnceWithNothingStored) {
@@ -160,6 +241,35 @@ TEST_F(VontuNse, WithoutItsNetworkModuleNewMailIsDeliveredAtOnceWithNothingStore
                              {{"VONTU_URLSESSION_MODULE", "/nonexistent/network-module.so"}}));
     EXPECT_EQ(result["via"], "handler");
     EXPECT_TRUE(result["content"]["communication"].is_object());
+    EXPECT_EQ(defaults({"read", "group.ios.vontu", "EML_acct_<7@x>"}).out, "");
+}
+
+// The token and the user's ids never travel in clear, and a clear answer is never stored: a
+// redirect from the https relay to plain http is not followed.
+TEST_F(VontuNse, ARedirectFromTheSecureRelayToPlainHttpIsNotFollowed) {
+    const auto openssl = testing::programOnPath("openssl");
+    if (!openssl) GTEST_SKIP() << "the openssl tool is not installed";
+    testing::TempDir directory;
+    const auto certificates = testing::makeTestCertificates(*openssl, directory.path(), "relay.test");
+    ASSERT_TRUE(certificates);
+    testing::BasicLoopbackServer<httplib::SSLServer> secureRelay(
+        [](httplib::Server& routes) {  // 307 repeats the POST, body and all
+            routes.Post("/post/eml", [](const httplib::Request&, httplib::Response& res) {
+                res.set_redirect("http://clear.test:9001/post/eml", 307);
+            });
+        },
+        certificates->serverCertificate.c_str(), certificates->serverKey.c_str());
+    std::atomic<int> clearRequests = 0;
+    relay_.server().Post("/post/eml", [&clearRequests](const httplib::Request&, httplib::Response& res) {
+        ++clearRequests;
+        res.set_content(R"({"<7@x>": "clear source"})", "application/json");
+    });
+    auto result = output(nse({"--relay-url", "https://relay.test", "--cacert", certificates->caCertificate.string(),
+                              "--connect-to", secureRelay.connectTo("relay.test", 9001),
+                              "--connect-to", relay_.connectTo("clear.test", 9001), "--warning", "20", "-"},
+                             newMail()));
+    EXPECT_EQ(result["via"], "handler");
+    EXPECT_EQ(clearRequests, 0);
     EXPECT_EQ(defaults({"read", "group.ios.vontu", "EML_acct_<7@x>"}).out, "");
 }
 

@@ -24,13 +24,16 @@ std::optional<std::filesystem::path> programOnPath(const std::string& name) {
 
 std::optional<TestCertificates> makeTestCertificates(const std::filesystem::path& openssl,
                                                      const std::filesystem::path& directory,
-                                                     const std::string& hostName) {
+                                                     const std::string& hostName,
+                                                     const std::vector<std::string>& otherHostNames) {
     const TestCertificates made{directory / "ca.pem", directory / "server.pem",
                                 directory / "server.key"};
     const auto caKey = directory / "ca.key";
     const auto request = directory / "server.csr";
     const auto extensions = directory / "server.ext";
-    std::ofstream(extensions) << "subjectAltName=DNS:" << hostName << "\nbasicConstraints=CA:FALSE\n"
+    std::string names = "DNS:" + hostName;
+    for (const auto& other : otherHostNames) names += ",DNS:" + other;
+    std::ofstream(extensions) << "subjectAltName=" << names << "\nbasicConstraints=CA:FALSE\n"
                               << "keyUsage=critical,digitalSignature\nextendedKeyUsage=serverAuth\n";
     const std::vector<std::vector<std::string>> steps = {
         {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",

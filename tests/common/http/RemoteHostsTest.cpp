@@ -25,14 +25,15 @@ std::string contentsOf(const fs::path& path) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// The tracking API at https://track.test (also reached as TRACK.test) and an image host at
-// http://cdn.test, which suggests the file name a query gives through Content-Disposition.
+// The tracking API at https://track.test (also reached as TRACK.test, and as another host,
+// other.test) and an image host at http://cdn.test, which suggests the file name a query gives
+// through Content-Disposition.
 class RemoteHostsTest : public ::testing::Test {
 protected:
     void SetUp() override {
         const auto openssl = vontu::testing::programOnPath("openssl");
         if (!openssl) GTEST_SKIP() << "the openssl tool is not installed";
-        const auto certificates = vontu::testing::makeTestCertificates(*openssl, certificateDirectory.path(), "track.test");
+        const auto certificates = vontu::testing::makeTestCertificates(*openssl, certificateDirectory.path(), "track.test", {"other.test"});
         ASSERT_TRUE(certificates);
         track = std::make_unique<RecordingServer<httplib::SSLServer>>(certificates->serverCertificate.c_str(),
                                                                       certificates->serverKey.c_str());
@@ -43,7 +44,8 @@ protected:
         });
         const std::string trackPort = ":443:127.0.0.1:" + std::to_string(track->port());
         vontu::platform::linux_host::HostSettings settings;
-        settings.network = {{"track.test" + trackPort, "TRACK.test" + trackPort, "cdn.test:80:127.0.0.1:" + std::to_string(cdn.port())},
+        settings.network = {{"track.test" + trackPort, "TRACK.test" + trackPort, "other.test" + trackPort,
+                             "cdn.test:80:127.0.0.1:" + std::to_string(cdn.port())},
                             certificates->caCertificate};
         host = std::make_unique<vontu::testing::TestEnv>(settings);
         harness = std::make_unique<ClientHarness>();
@@ -78,6 +80,29 @@ TEST_F(RemoteHostsTest, CredentialsGoOnlyToTheTrackingHost) {
         ASSERT_EQ(received.size(), before + 1);
         harness->expectCredentials(received.back(), credentials);
     }
+}
+
+// A redirect out of TLS is not followed (the request fails as the network's fault, to be tried
+// again); one to another secure host is followed without the credentials.
+TEST_F(RemoteHostsTest, RedirectsNeverLeaveTlsAndLeaveCredentialsBehind) {
+    track->respond([](const httplib::Request& request, httplib::Response& response) {
+        // 307 repeats the request whole, body and all.
+        if (request.path == "/to-clear") response.set_redirect("http://cdn.test/api/v1/customers/ann", 307);
+        if (request.path == "/to-other") response.set_redirect("https://other.test/api/v1/customers/ann", 307);
+    });
+    const auto body = vontu::platform::toBytes(R"({"secret":1})");
+    const auto toClear = send(*client, requestTo("https://track.test/to-clear", "POST", body)).value();
+    ASSERT_FALSE(toClear.has_value());
+    EXPECT_EQ(toClear.error().kind(), HttpRequestError::Kind::noOrBadNetwork);
+    EXPECT_TRUE(cdn.received().empty());
+    EXPECT_FALSE(download(*client, "https://track.test/to-clear"));
+    EXPECT_TRUE(cdn.received().empty());
+
+    ASSERT_TRUE(send(*client, requestTo("https://track.test/to-other", "POST", body)).value().has_value());
+    const auto received = track->received();
+    ASSERT_EQ(received.back().header("Host"), "other.test");
+    EXPECT_EQ(received.back().body, R"({"secret":1})");
+    EXPECT_EQ(received.back().header("Authorization"), std::nullopt);
 }
 
 TEST_F(RemoteHostsTest, DownloadsKeepOnlyPlainSuggestedNamesAndSmallFilesAndNeverReplaceOne) {

@@ -25,7 +25,7 @@ using Req = const httplib::Request&;
 using Res = httplib::Response&;
 
 UrlRequest requestFor(std::string url, std::string method = "GET", std::optional<Bytes> body = std::nullopt) {
-    return UrlRequest{std::move(url), std::move(method), {}, std::move(body), std::nullopt};
+    return UrlRequest{std::move(url), std::move(method), {}, std::move(body), std::nullopt, std::nullopt};
 }
 
 fs::perms permissionsOf(const fs::path& path) { return fs::status(path).permissions() & fs::perms::all; }
@@ -153,7 +153,7 @@ TEST_F(CurlUrlSessionTest, IdleAndWholeRequestTimeOuts) {
         UrlSessionConfiguration config;
         config.requestTimeout = c.idle;
         config.resourceTimeout = c.whole;
-        const UrlRequest request{server.url(c.path), "GET", {}, std::nullopt, c.requestTimeout};
+        const UrlRequest request{server.url(c.path), "GET", {}, std::nullopt, c.requestTimeout, std::nullopt};
         const auto started = std::chrono::steady_clock::now();
         const Outcome outcome = fetch(*makeSession(config), request);
         const auto elapsed = std::chrono::steady_clock::now() - started;
