@@ -131,12 +131,12 @@ TEST(QLXNotificationHelperPerson, AnEmailPersonWithADrawnBadgeWhenNothingIsCache
     EXPECT_EQ(QLXNotificationHelper::createPerson(std::nullopt, "jane@example.com"), std::nullopt);
     EXPECT_EQ(QLXNotificationHelper::createPerson("Jane", std::nullopt), std::nullopt);
     EXPECT_EQ(QLXNotificationHelper::createPerson("", "a"), std::nullopt);  // no initials
-    // A cached entry that cannot be read gives no picture, and no badge is drawn instead.
+    // A cached entry that cannot be read counts as none: the badge is drawn.
     // Avatars are named by the digest of the address up to its first NUL.
     EXPECT_EQ(QLXNotificationHelper::MD5String(std::string("abc\0def", 7)), "900150983CD24FB0D6963F7D28E17F72");
     auto path = QLXNotificationHelper::imagePathForSender("jane@example.com");
     ASSERT_TRUE(path && env.env().createDirectories(*path).has_value());
-    EXPECT_EQ(QLXNotificationHelper::createPerson("Jane Doe", "jane@example.com"), std::nullopt);
+    EXPECT_EQ(QLXNotificationHelper::createPerson("Jane Doe", "jane@example.com"), person);
 }
 
 TEST(QLXNotificationHelperContent, CarriesTheSenderAndPutsTheSubtitleBeforeTheBody) {
