@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <string_view>
 
+#include "platform/FileName.hpp"
+
 namespace vontu::platform {
 
 namespace {
@@ -130,7 +132,8 @@ std::optional<std::string> filenameFromDisposition(std::string_view header) {
     return plain;
 }
 
-// The last non-empty path segment of the URL, percent-decoded. "." and ".." name no file.
+// The last non-empty path segment of the URL, percent-decoded; absent when it is no single file
+// name (".", "..", or a "/" or NUL that came from an escape).
 std::optional<std::string> lastPathComponent(std::string_view url) {
     url = url.substr(0, url.find_first_of("?#"));
     if (const std::size_t schemeEnd = url.find("://"); schemeEnd != std::string_view::npos) {
@@ -142,7 +145,7 @@ std::optional<std::string> lastPathComponent(std::string_view url) {
     const std::size_t slash = url.rfind('/');
     const std::string_view segment = slash == std::string_view::npos ? url : url.substr(slash + 1);
     std::string name = percentDecoded(segment);
-    if (name.empty() || name == "." || name == "..") return std::nullopt;
+    if (!isSingleFileName(name)) return std::nullopt;
     return name;
 }
 

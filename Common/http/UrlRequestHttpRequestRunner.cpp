@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "platform/Env.hpp"
+#include "platform/FileName.hpp"
 
 namespace tern {
 
@@ -68,13 +69,7 @@ void UrlRequestHttpRequestRunner::downloadFile(
 
 std::optional<std::string> UrlRequestHttpRequestRunner::safeFileName(
     std::string_view suggestedName) {
-    if (suggestedName.empty() || suggestedName == "." || suggestedName == "..") {
-        return std::nullopt;
-    }
-    if (suggestedName.find('/') != std::string_view::npos ||
-        suggestedName.find('\0') != std::string_view::npos) {
-        return std::nullopt;
-    }
+    if (!vontu::platform::isSingleFileName(suggestedName)) return std::nullopt;
     return std::string(suggestedName);
 }
 

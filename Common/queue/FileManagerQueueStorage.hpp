@@ -83,8 +83,8 @@ private:
     // Writes known_ to the inventory file. On failure what is remembered is dropped (the file
     // keeps its old contents, which the next read finds).
     bool writeInventory();
-    // Writes the task file of task.storageId. False when encoding or writing fails.
     // Writes the task file named by fileId (the task's own id, or the id it was read under).
+    // False when encoding or writing fails.
     bool saveTask(const QueueTask& task, const std::string& fileId);
     // The entry as the JSON adapter writes it.
     std::optional<std::string> encodeEntry(const QueueTaskMetadata& entry) const;

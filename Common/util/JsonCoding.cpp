@@ -4,6 +4,9 @@
 #include <ctime>
 #include <cxxabi.h>
 #include <memory>
+#include <optional>
+#include <type_traits>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -134,64 +137,53 @@ std::string integerTypeName(bool isSigned, std::size_t size) {
     return fmt::format("std::{}int{}_t", isSigned ? "" : "u", size * 8);
 }
 
+namespace {
+
+// The number as an Integer (std::int64_t or std::uint64_t) from minimum to maximum. A number
+// written with a fraction or an exponent fits when it is whole: 5.0 is 5.
+template <class Integer>
+std::expected<Integer, DecodingError> decodeInteger(const JsonDecoder& decoder,
+                                                    const std::string& typeName, Integer minimum,
+                                                    Integer maximum) {
+    const json& value = decoder.json();
+    if (value.is_null()) return std::unexpected(decoder.valueNotFound(typeName));
+    if (!value.is_number()) return std::unexpected(decoder.typeMismatch(typeName));
+    std::optional<Integer> result;
+    if (value.is_number_unsigned()) {
+        const auto number = value.get<std::uint64_t>();
+        if (std::in_range<Integer>(number)) result = static_cast<Integer>(number);
+    } else if (value.is_number_integer()) {
+        const auto number = value.get<std::int64_t>();
+        if (std::in_range<Integer>(number)) result = static_cast<Integer>(number);
+    } else {
+        const double number = value.get<double>();
+        const double lower = std::is_signed_v<Integer> ? -twoToThe63 : 0;
+        const double beyond = std::is_signed_v<Integer> ? twoToThe63 : 2 * twoToThe63;
+        if (std::isfinite(number) && std::trunc(number) == number && number >= lower &&
+            number < beyond) {
+            result = static_cast<Integer>(number);
+        }
+    }
+    if (!result || *result < minimum || *result > maximum) {
+        return std::unexpected(decoder.dataCorrupted("Parsed JSON number <" + value.dump() +
+                                                     "> does not fit in " + typeName + "."));
+    }
+    return *result;
+}
+
+}  // namespace
+
 std::expected<std::int64_t, DecodingError> decodeSignedInteger(const JsonDecoder& decoder,
                                                                const std::string& typeName,
                                                                std::int64_t minimum,
                                                                std::int64_t maximum) {
-    const json& value = decoder.json();
-    if (value.is_null()) return std::unexpected(decoder.valueNotFound(typeName));
-    if (!value.is_number()) return std::unexpected(decoder.typeMismatch(typeName));
-    auto doesNotFit = [&] {
-        return std::unexpected(decoder.dataCorrupted("Parsed JSON number <" + value.dump() +
-                                                     "> does not fit in " + typeName + "."));
-    };
-    std::int64_t result = 0;
-    if (value.is_number_unsigned()) {
-        auto number = value.get<std::uint64_t>();
-        if (!std::in_range<std::int64_t>(number)) return doesNotFit();
-        result = static_cast<std::int64_t>(number);
-    } else if (value.is_number_integer()) {
-        result = value.get<std::int64_t>();
-    } else {
-        // A number written with a fraction or an exponent fits when it is whole: 5.0 is 5.
-        double number = value.get<double>();
-        if (!std::isfinite(number) || std::trunc(number) != number || number < -twoToThe63 ||
-            number >= twoToThe63) {
-            return doesNotFit();
-        }
-        result = static_cast<std::int64_t>(number);
-    }
-    if (result < minimum || result > maximum) return doesNotFit();
-    return result;
+    return decodeInteger<std::int64_t>(decoder, typeName, minimum, maximum);
 }
 
 std::expected<std::uint64_t, DecodingError> decodeUnsignedInteger(const JsonDecoder& decoder,
                                                                   const std::string& typeName,
                                                                   std::uint64_t maximum) {
-    const json& value = decoder.json();
-    if (value.is_null()) return std::unexpected(decoder.valueNotFound(typeName));
-    if (!value.is_number()) return std::unexpected(decoder.typeMismatch(typeName));
-    auto doesNotFit = [&] {
-        return std::unexpected(decoder.dataCorrupted("Parsed JSON number <" + value.dump() +
-                                                     "> does not fit in " + typeName + "."));
-    };
-    std::uint64_t result = 0;
-    if (value.is_number_unsigned()) {
-        result = value.get<std::uint64_t>();
-    } else if (value.is_number_integer()) {
-        auto number = value.get<std::int64_t>();
-        if (number < 0) return doesNotFit();
-        result = static_cast<std::uint64_t>(number);
-    } else {
-        double number = value.get<double>();
-        if (!std::isfinite(number) || std::trunc(number) != number || number < 0 ||
-            number >= 2 * twoToThe63) {
-            return doesNotFit();
-        }
-        result = static_cast<std::uint64_t>(number);
-    }
-    if (result > maximum) return doesNotFit();
-    return result;
+    return decodeInteger<std::uint64_t>(decoder, typeName, 0, maximum);
 }
 
 // --- bool

@@ -10,12 +10,4 @@ std::string_view rawValue(LockReference reference) {
     return {};
 }
 
-template <>
-std::optional<LockReference> fromRawValue<LockReference>(std::string_view rawValue) {
-    for (auto reference : {LockReference::queueStorage, LockReference::singleScheduleTimer}) {
-        if (tern::rawValue(reference) == rawValue) return reference;
-    }
-    return std::nullopt;
-}
-
 }  // namespace tern

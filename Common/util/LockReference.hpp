@@ -1,9 +1,7 @@
 #pragma once
 
-#include <optional>
 #include <string_view>
 
-#include "Common/util/RawValue.hpp"
 
 namespace tern {
 
@@ -13,7 +11,5 @@ enum class LockReference { queueStorage, singleScheduleTimer };
 
 // "queueStorage", "singleScheduleTimer".
 std::string_view rawValue(LockReference reference);
-template <>
-std::optional<LockReference> fromRawValue<LockReference>(std::string_view rawValue);
 
 }  // namespace tern

@@ -22,6 +22,7 @@
 #include "platform/Crypto.hpp"
 #include "platform/linux/CairoImageCanvas.hpp"
 #include "platform/linux/CurlUrlSession.hpp"
+#include "platform/FileName.hpp"
 #include "platform/linux/FlockFileLock.hpp"
 #include "platform/linux/SqliteDefaultsSuite.hpp"
 
@@ -373,10 +374,7 @@ std::optional<fs::path> LinuxEnv::directoryUnderHome(const fs::path& relative) {
 }
 
 std::optional<fs::path> LinuxEnv::appGroupContainer(const std::string& groupId) {
-    if (groupId.empty() || groupId.find('/') != std::string::npos || groupId == "." ||
-        groupId == "..") {
-        return std::nullopt;
-    }
+    if (!isSingleFileName(groupId)) return std::nullopt;
     return directoryUnderHome(fs::path("groups") / groupId);
 }
 
@@ -389,10 +387,7 @@ std::optional<fs::path> LinuxEnv::temporaryDirectory() {
 }
 
 std::shared_ptr<DefaultsSuite> LinuxEnv::defaultsSuite(const std::string& name) {
-    if (name.empty() || name.find('/') != std::string::npos ||
-        name.find('\0') != std::string::npos || name == "." || name == "..") {
-        return nullptr;
-    }
+    if (!isSingleFileName(name)) return nullptr;
     std::lock_guard lock(suitesMutex_);
     if (auto open = openSuites_.find(name); open != openSuites_.end()) return open->second;
     auto preferences = directoryUnderHome("preferences");
