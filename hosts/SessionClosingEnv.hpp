@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Env.hpp"
+#include "platform/EnvWrapper.hpp"
 
 namespace vontu::hosts {
 

@@ -5,7 +5,7 @@
 #include <memory>
 #include <mutex>
 
-#include "platform/Env.hpp"
+#include "platform/EnvWrapper.hpp"
 #include "platform/UrlSession.hpp"
 
 namespace vontu::hosts {

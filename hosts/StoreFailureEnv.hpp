@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/Env.hpp"
+#include "platform/EnvWrapper.hpp"
 
 namespace vontu::hosts {
 

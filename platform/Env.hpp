@@ -15,50 +15,12 @@
 #include "platform/DefaultsSuite.hpp"
 #include "platform/FileError.hpp"
 #include "platform/FileLock.hpp"
+#include "platform/FileStamp.hpp"
 #include "platform/ImageCanvas.hpp"
 #include "platform/SystemLog.hpp"
 #include "platform/UrlSession.hpp"
 
 namespace vontu::platform {
-
-// What tells one state of a file from another without reading it: which file it is on its
-// device, its length, and when its contents and its status last changed. A file replaced
-// whole becomes another file; one rewritten in place keeps its identity, and its length or
-// times change unless the rewrite keeps the length and falls within one tick of the file
-// system's clock.
-struct FileStamp {
-    std::uint64_t device = 0;
-    std::uint64_t inode = 0;
-    std::int64_t size = 0;
-    std::int64_t modifiedNanoseconds = 0;
-    std::int64_t changedNanoseconds = 0;
-
-    bool operator==(const FileStamp&) const = default;
-};
-
-// Holds a file open. While it is held, no other file can take the file's identity (device and
-// inode), so a path whose stamp equals this one's names this very file. Dropping it closes the
-// file.
-class FilePin {
-public:
-    explicit FilePin(FileStamp stamp) : stamp_(stamp) {}
-    virtual ~FilePin() = default;
-    FilePin(const FilePin&) = delete;
-    FilePin& operator=(const FilePin&) = delete;
-
-    // The file's stamp when it was pinned.
-    const FileStamp& stamp() const { return stamp_; }
-
-private:
-    FileStamp stamp_;
-};
-
-// A file's contents together with a pin of the very file that they were read from or
-// written to.
-struct PinnedContents {
-    Bytes contents;
-    std::shared_ptr<const FilePin> pin;
-};
 
 // The pending run of a one-shot timer.
 class TimerHandle : public AutoMockable {
@@ -76,7 +38,8 @@ enum class AuthorizationStatus { notDetermined = 0, denied = 1, authorized = 2, 
 // and no call throws: failures come back as values.
 //
 // Code reaches the process's Env through Env::current(). A host installs its implementation at
-// start; a test wraps it in an EnvWrapper and overrides the one call it wants to change.
+// start; a test wraps it in an EnvWrapper (platform/EnvWrapper.hpp) and overrides the one call
+// it wants to change.
 class Env : public AutoMockable {
 public:
     static Env& current();
@@ -174,100 +137,6 @@ public:
     // --- Drawing: a transparent canvas of width x height points at scale 1; absent when the
     // drawing stack cannot be loaded.
     virtual std::unique_ptr<ImageCanvas> newImageCanvas(int width, int height) = 0;
-};
-
-// Forwards every call to another Env; a test derives from it and overrides what it replaces.
-class EnvWrapper : public Env {
-public:
-    explicit EnvWrapper(Env& target) : target_(target) {}
-    Env& target() { return target_; }
-
-    Date now() override { return target_.now(); }
-    std::expected<Bytes, FileError> readFile(const std::filesystem::path& p) override {
-        return target_.readFile(p);
-    }
-    std::expected<void, FileError> writeFile(const std::filesystem::path& p,
-                                             const Bytes& c) override {
-        return target_.writeFile(p, c);
-    }
-    std::expected<PinnedContents, FileError> readFileAndPin(
-        const std::filesystem::path& p) override {
-        return target_.readFileAndPin(p);
-    }
-    std::optional<FileStamp> fileStamp(const std::filesystem::path& p) override {
-        return target_.fileStamp(p);
-    }
-    std::expected<std::shared_ptr<const FilePin>, FileError> rewriteFile(
-        const std::filesystem::path& p, const Bytes& c) override {
-        return target_.rewriteFile(p, c);
-    }
-    std::expected<void, FileError> removeItem(const std::filesystem::path& p) override {
-        return target_.removeItem(p);
-    }
-    std::expected<void, FileError> moveItem(const std::filesystem::path& f,
-                                            const std::filesystem::path& t) override {
-        return target_.moveItem(f, t);
-    }
-    std::expected<void, FileError> createDirectories(const std::filesystem::path& p) override {
-        return target_.createDirectories(p);
-    }
-    bool fileExists(const std::filesystem::path& p) override { return target_.fileExists(p); }
-    std::unique_ptr<FileLock> newFileLock(const std::filesystem::path& p) override {
-        return target_.newFileLock(p);
-    }
-    std::optional<std::filesystem::path> appGroupContainer(const std::string& g) override {
-        return target_.appGroupContainer(g);
-    }
-    std::optional<std::filesystem::path> applicationSupportDirectory() override {
-        return target_.applicationSupportDirectory();
-    }
-    std::optional<std::filesystem::path> temporaryDirectory() override {
-        return target_.temporaryDirectory();
-    }
-    std::shared_ptr<DefaultsSuite> defaultsSuite(const std::string& n) override {
-        return target_.defaultsSuite(n);
-    }
-    bool isWellFormedUrl(const std::string& u) override { return target_.isWellFormedUrl(u); }
-    std::shared_ptr<UrlSession> newUrlSession(const UrlSessionConfiguration& c) override {
-        return target_.newUrlSession(c);
-    }
-    std::shared_ptr<UrlSession> sharedUrlSession() override { return target_.sharedUrlSession(); }
-    void runOnMain(std::function<void()> b) override { target_.runOnMain(std::move(b)); }
-    void runInBackground(std::function<void()> b) override {
-        target_.runInBackground(std::move(b));
-    }
-    bool isMainThread() override { return target_.isMainThread(); }
-    std::shared_ptr<TimerHandle> scheduleOnMain(double s, std::function<void()> b) override {
-        return target_.scheduleOnMain(s, std::move(b));
-    }
-    void writeLog(const std::string& s, const std::string& c, LogType t,
-                  const std::string& m) override {
-        target_.writeLog(s, c, t, m);
-    }
-    std::string systemName() override { return target_.systemName(); }
-    std::string systemVersion() override { return target_.systemVersion(); }
-    std::optional<std::string> machine() override { return target_.machine(); }
-    std::optional<std::string> bundleIdentifier() override { return target_.bundleIdentifier(); }
-    std::optional<std::string> bundleInfoValue(const std::string& k) override {
-        return target_.bundleInfoValue(k);
-    }
-    std::vector<std::string> preferredLanguages() override {
-        return target_.preferredLanguages();
-    }
-    std::string currentLocaleIdentifier() override { return target_.currentLocaleIdentifier(); }
-    void notificationAuthorizationStatus(std::function<void(AuthorizationStatus)> c) override {
-        target_.notificationAuthorizationStatus(std::move(c));
-    }
-    bool openUrl(const std::string& u) override { return target_.openUrl(u); }
-    bool continueUserActivity(const std::string& u) override {
-        return target_.continueUserActivity(u);
-    }
-    std::unique_ptr<ImageCanvas> newImageCanvas(int w, int h) override {
-        return target_.newImageCanvas(w, h);
-    }
-
-private:
-    Env& target_;
 };
 
 }  // namespace vontu::platform

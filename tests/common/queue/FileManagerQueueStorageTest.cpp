@@ -20,6 +20,7 @@
 #include "Common/storage/FileManagerFileStorage.hpp"
 #include "tests/common/RecordingLogger.hpp"
 #include "tests/common/ScopedCurrentEnv.hpp"
+#include "platform/EnvWrapper.hpp"
 #include "tests/support/TestEnv.hpp"
 
 namespace tern {

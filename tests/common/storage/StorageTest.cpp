@@ -14,6 +14,7 @@
 #include "Common/util/DeviceMetricsGrabberImpl.hpp"
 #include "tests/common/RecordingLogger.hpp"
 #include "tests/common/ScopedCurrentEnv.hpp"
+#include "platform/EnvWrapper.hpp"
 #include "tests/support/TestEnv.hpp"
 
 namespace tern {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Env.hpp"
+#include "platform/EnvWrapper.hpp"
 #include "tests/support/TestEnv.hpp"
 
 namespace tern::testing {
