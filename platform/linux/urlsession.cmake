@@ -1,6 +1,6 @@
 # URL sessions: libcurl lives in a loadable module, libvontu_urlsession_curl.so, mapped only by
 # a process that goes on the network. What the rest of the tree links is the small loader.
-add_library(vontu_urlsession_curl_module MODULE CurlUrlSession.cpp)
+add_library(vontu_urlsession_curl_module MODULE CurlUrlSession.cpp CurlTransfer.cpp)
 set_target_properties(vontu_urlsession_curl_module PROPERTIES
   OUTPUT_NAME vontu_urlsession_curl
   CXX_VISIBILITY_PRESET hidden
