@@ -2,7 +2,9 @@
 // Built as a loadable module of its own; its one export is the factory at the end.
 
 #include <cairo.h>
+#include <fontconfig/fontconfig.h>
 #include <pango/pangocairo.h>
+#include <pango/pangofc-fontmap.h>
 
 #include <algorithm>
 #include <cmath>
@@ -22,6 +24,53 @@ namespace {
 // is not installed.
 constexpr const char* kFontFamily = "Inter";
 
+// A font configuration holding Inter alone, read from the system's font cache, with the
+// rendering settings the system configuration gives it (slight hinting, grey-scale edges, the
+// default LCD filter), so that it draws the same pixels. Loading the whole system configuration
+// means parsing its XML and every font directory's cache; the badge needs two letters of one
+// font. Text with a character Inter lacks is drawn with the system configuration instead.
+constexpr const char* kInterOnlyConfig = R"(<?xml version="1.0"?>
+<fontconfig>
+  <dir>/usr/share/fonts/opentype/inter</dir>
+  <cachedir>/var/cache/fontconfig</cachedir>
+  <match target="pattern">
+    <edit name="hintstyle" mode="append"><const>hintslight</const></edit>
+    <edit name="antialias" mode="append"><bool>true</bool></edit>
+    <edit name="lcdfilter" mode="append"><const>lcddefault</const></edit>
+  </match>
+</fontconfig>)";
+
+struct FontConfigDeleter {
+    void operator()(FcConfig* config) const { FcConfigDestroy(config); }
+};
+
+// Absent when Inter is not installed where the configuration looks for it. Made the process's
+// current configuration too: pango initialises fontconfig's current configuration on a thread
+// of its own whatever configuration its font maps use, and would otherwise load the system's.
+FcConfig* interOnlyConfig() {
+    static FcConfig* const config = []() -> FcConfig* {
+        std::unique_ptr<FcConfig, FontConfigDeleter> made(FcConfigCreate());
+        if (!made ||
+            !FcConfigParseAndLoadFromMemory(made.get(),
+                                            reinterpret_cast<const FcChar8*>(kInterOnlyConfig),
+                                            FcFalse) ||
+            !FcConfigBuildFonts(made.get())) {
+            return nullptr;
+        }
+        const FcFontSet* fonts = FcConfigGetFonts(made.get(), FcSetSystem);
+        if (fonts == nullptr || fonts->nfont == 0) return nullptr;
+        FcConfigSetCurrent(made.get());
+        return made.release();
+    }();
+    return config;
+}
+
+// The system's whole configuration, loaded on first use.
+FcConfig* systemConfig() {
+    static FcConfig* const config = FcInitLoadConfigAndFonts();
+    return config;
+}
+
 struct SurfaceDeleter {
     void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
 };
@@ -39,6 +88,43 @@ struct FontDescriptionDeleter {
 struct FontMetricsDeleter {
     void operator()(PangoFontMetrics* metrics) const { pango_font_metrics_unref(metrics); }
 };
+
+using PangoContextPtr = std::unique_ptr<PangoContext, GObjectDeleter>;
+
+using FontMapPtr = std::unique_ptr<PangoFontMap, GObjectDeleter>;
+
+FontMapPtr makeFontMap(FcConfig* config) {
+    FontMapPtr map(pango_cairo_font_map_new_for_font_type(CAIRO_FONT_TYPE_FT));
+    if (map) pango_fc_font_map_set_config(PANGO_FC_FONT_MAP(map.get()), config);
+    return map;
+}
+
+// Font maps are not shared between threads (pango's default one is per thread too).
+PangoFontMap* systemFontMap() {
+    thread_local const FontMapPtr map = systemConfig() ? makeFontMap(systemConfig()) : nullptr;
+    return map ? map.get() : pango_cairo_font_map_get_default();
+}
+
+PangoFontMap* interOnlyFontMap() {
+    thread_local const FontMapPtr map = interOnlyConfig() ? makeFontMap(interOnlyConfig()) : nullptr;
+    return map ? map.get() : systemFontMap();
+}
+
+// A pango context drawing on cr with the fonts of map.
+PangoContextPtr makeContext(cairo_t* cr, PangoFontMap* map) {
+    PangoContextPtr pango(pango_font_map_create_context(map));
+    if (!pango) return nullptr;
+    pango_cairo_update_context(cr, pango.get());
+    // Unhinted metrics keep line heights and glyph advances at their design values, as UIKit
+    // reports them, rather than rounded to whole pixels.
+    std::unique_ptr<cairo_font_options_t, decltype(&cairo_font_options_destroy)> options(
+        cairo_font_options_create(), &cairo_font_options_destroy);
+    cairo_font_options_set_hint_metrics(options.get(), CAIRO_HINT_METRICS_OFF);
+    // Grey-scale edges: sub-pixel colour fringes would be wrong in a picture shown at any size.
+    cairo_font_options_set_antialias(options.get(), CAIRO_ANTIALIAS_GRAY);
+    pango_cairo_context_set_font_options(pango.get(), options.get());
+    return pango;
+}
 
 using FontDescriptionPtr = std::unique_ptr<PangoFontDescription, FontDescriptionDeleter>;
 
@@ -123,13 +209,12 @@ public:
     void drawText(const std::string& text, const Rect& rect, const Font& font, const Rgba& color,
                   TextAlignment alignment) override {
         cairo_t* cr = context_.get();
-        std::unique_ptr<PangoLayout, GObjectDeleter> layout(pango_layout_new(pango_.get()));
-        auto description = describe(font);
-        pango_layout_set_font_description(layout.get(), description.get());
-        pango_layout_set_width(layout.get(), toPangoUnits(rect.width));
-        pango_layout_set_wrap(layout.get(), PANGO_WRAP_WORD_CHAR);
-        pango_layout_set_alignment(layout.get(), pangoAlignment(alignment));
-        pango_layout_set_text(layout.get(), text.data(), static_cast<int>(text.size()));
+        auto layout = layOut(pango_.get(), text, rect, font, alignment);
+        if (pango_layout_get_unknown_glyphs_count(layout.get()) > 0) {
+            // A script Inter lacks: the system's fonts, with their fallbacks.
+            if (!systemPango_) systemPango_ = makeContext(cr, systemFontMap());
+            if (systemPango_) layout = layOut(systemPango_.get(), text, rect, font, alignment);
+        }
 
         // Text stays inside its rectangle, as UIKit draws it.
         cairo_save(cr);
@@ -152,9 +237,24 @@ public:
     }
 
 private:
+    using LayoutPtr = std::unique_ptr<PangoLayout, GObjectDeleter>;
+
+    static LayoutPtr layOut(PangoContext* pango, const std::string& text, const Rect& rect,
+                            const Font& font, TextAlignment alignment) {
+        LayoutPtr layout(pango_layout_new(pango));
+        auto description = describe(font);
+        pango_layout_set_font_description(layout.get(), description.get());
+        pango_layout_set_width(layout.get(), toPangoUnits(rect.width));
+        pango_layout_set_wrap(layout.get(), PANGO_WRAP_WORD_CHAR);
+        pango_layout_set_alignment(layout.get(), pangoAlignment(alignment));
+        pango_layout_set_text(layout.get(), text.data(), static_cast<int>(text.size()));
+        return layout;
+    }
+
     std::unique_ptr<cairo_surface_t, SurfaceDeleter> surface_;
     std::unique_ptr<cairo_t, ContextDeleter> context_;
-    std::unique_ptr<PangoContext, GObjectDeleter> pango_;
+    PangoContextPtr pango_;
+    PangoContextPtr systemPango_;  // made for the first text with a character Inter lacks
 };
 
 ImageCanvas* makeCanvas(int width, int height) {
@@ -165,17 +265,8 @@ ImageCanvas* makeCanvas(int width, int height) {
     if (cairo_surface_status(surface.get()) != CAIRO_STATUS_SUCCESS) return nullptr;
     std::unique_ptr<cairo_t, ContextDeleter> context(cairo_create(surface.get()));
     if (cairo_status(context.get()) != CAIRO_STATUS_SUCCESS) return nullptr;
-    std::unique_ptr<PangoContext, GObjectDeleter> pango(pango_cairo_create_context(context.get()));
+    PangoContextPtr pango = makeContext(context.get(), interOnlyFontMap());
     if (!pango) return nullptr;
-
-    // Unhinted metrics keep line heights and glyph advances at their design values, as UIKit
-    // reports them, rather than rounded to whole pixels.
-    std::unique_ptr<cairo_font_options_t, decltype(&cairo_font_options_destroy)> options(
-        cairo_font_options_create(), &cairo_font_options_destroy);
-    cairo_font_options_set_hint_metrics(options.get(), CAIRO_HINT_METRICS_OFF);
-    // Grey-scale edges: sub-pixel colour fringes would be wrong in a picture shown at any size.
-    cairo_font_options_set_antialias(options.get(), CAIRO_ANTIALIAS_GRAY);
-    pango_cairo_context_set_font_options(pango.get(), options.get());
 
     auto* canvas = new (std::nothrow)
         CairoImageCanvas(surface.get(), context.get(), pango.get());
