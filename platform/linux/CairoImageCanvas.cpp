@@ -5,13 +5,17 @@
 #include <fontconfig/fontconfig.h>
 #include <pango/pangocairo.h>
 #include <pango/pangofc-fontmap.h>
+#include <png.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <numbers>
 #include <type_traits>
+#include <vector>
 
 #include "platform/ImageCanvas.hpp"
 #include "platform/linux/DrawingLoader.hpp"
@@ -162,10 +166,51 @@ void setSource(cairo_t* context, const Rgba& color) {
     cairo_set_source_rgba(context, color.red, color.green, color.blue, color.alpha);
 }
 
-cairo_status_t appendToBytes(void* closure, const unsigned char* data, unsigned int length) {
-    auto* bytes = static_cast<Bytes*>(closure);
-    bytes->insert(bytes->end(), data, data + length);
-    return CAIRO_STATUS_SUCCESS;
+// A surface's premultiplied native-endian ARGB as straight RGBA bytes, rounded as cairo's own
+// PNG writer rounds them (so the file holds the same samples it would).
+std::vector<std::uint8_t> straightRgba(cairo_surface_t* surface) {
+    const int width = cairo_image_surface_get_width(surface);
+    const int height = cairo_image_surface_get_height(surface);
+    const int stride = cairo_image_surface_get_stride(surface);
+    const unsigned char* data = cairo_image_surface_get_data(surface);
+    std::vector<std::uint8_t> rgba(static_cast<std::size_t>(width) * height * 4);
+    std::uint8_t* out = rgba.data();
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x, out += 4) {
+            std::uint32_t pixel = 0;
+            std::memcpy(&pixel, data + y * stride + x * 4, 4);
+            const std::uint32_t alpha = pixel >> 24;
+            if (alpha == 0) continue;  // transparent black, as cleared
+            for (int channel = 0; channel < 3; ++channel) {
+                const std::uint32_t value = (pixel >> (16 - 8 * channel)) & 0xFF;
+                out[channel] = static_cast<std::uint8_t>((value * 255 + alpha / 2) / alpha);
+            }
+            out[3] = static_cast<std::uint8_t>(alpha);
+        }
+    }
+    return rgba;
+}
+
+// An RGBA PNG of the surface, written with libpng's fast settings (no row filters, a low zlib
+// level): the badge is small and shown once, and cairo's writer, which tries every filter on
+// every row at the default level, took as long as all the rest of the drawing.
+std::optional<Bytes> encodePng(cairo_surface_t* surface) {
+    const auto rgba = straightRgba(surface);
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    image.width = static_cast<png_uint_32>(cairo_image_surface_get_width(surface));
+    image.height = static_cast<png_uint_32>(cairo_image_surface_get_height(surface));
+    image.format = PNG_FORMAT_RGBA;
+    // No colour-space chunks, as cairo writes none.
+    image.flags = PNG_IMAGE_FLAG_FAST | PNG_IMAGE_FLAG_COLORSPACE_NOT_sRGB;
+    Bytes png(PNG_IMAGE_PNG_SIZE_MAX(image));
+    png_alloc_size_t size = png.size();
+    if (!png_image_write_to_memory(&image, png.data(), &size, 0, rgba.data(), 0, nullptr)) {
+        png_image_free(&image);
+        return std::nullopt;
+    }
+    png.resize(size);
+    return png;
 }
 
 class CairoImageCanvas final : public ImageCanvas {
@@ -228,12 +273,7 @@ public:
 
     std::optional<Bytes> pngRepresentation() override {
         cairo_surface_flush(surface_.get());
-        Bytes png;
-        if (cairo_surface_write_to_png_stream(surface_.get(), appendToBytes, &png) !=
-            CAIRO_STATUS_SUCCESS) {
-            return std::nullopt;
-        }
-        return png;
+        return encodePng(surface_.get());
     }
 
 private:
