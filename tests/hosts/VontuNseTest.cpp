@@ -141,6 +141,8 @@ TEST_F(VontuNse, ReadsARequestFileAndRefusesInputItCannotReadWithExit2) {
         {{"--warning", "nan", "-"}, "{}"},
         {{"--bundle-id", "../elsewhere", "-"}, "{}"},  // would leave the state root
         {{"--relay-url", "http://relay.test:8080", "-"}, "{}"},  // the port is always 9001
+        {{"--relay-url", "ftp://relay.test", "-"}, "{}"},
+        {{"--relay-url", "https://[::1]/", "-"}, "{}"},
         {{"--serve", "-"}, ""},
         {{files.path().string()}, ""},  // a directory
         {{"-"}, R"({"aps": )" + std::string(100000, '[') + std::string(100000, ']') + "}"},
