@@ -147,6 +147,8 @@ TEST_F(VontuNse, ReadsARequestFileAndRefusesInputItCannotReadWithExit2) {
         {{files.path().string()}, ""},  // a directory
         {{"-"}, R"({"aps": )" + std::string(100000, '[') + std::string(100000, ']') + "}"},
         {{"--connect-to", "nonsense", "-"}, "{}"},
+        {{"--connect-to", "a:1:[::1:2", "-"}, "{}"},
+        {{"--system-version", "17.0.1.2", "-"}, "{}"},
     };
     for (const auto& [args, input] : cases) {
         auto result = nse(args, input);
