@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <numbers>
 #include <type_traits>
@@ -28,11 +29,12 @@ namespace {
 // is not installed.
 constexpr const char* kFontFamily = "Inter";
 
-// A font configuration holding Inter alone, read from the system's font cache, with the
-// rendering settings the system configuration gives it (slight hinting, grey-scale edges, the
-// default LCD filter), so that it draws the same pixels. Loading the whole system configuration
-// means parsing its XML and every font directory's cache; the badge needs two letters of one
-// font. Text with a character Inter lacks is drawn with the system configuration instead.
+// A font configuration holding Inter alone (where fonts-inter installs it), read from the
+// system's font cache, with the rendering settings the system configuration gives it (slight
+// hinting, grey-scale edges, the default LCD filter), so that it draws the same pixels. Loading
+// the whole system configuration means parsing its XML and every font directory's cache; the
+// badge needs two letters of one font. Text with a character Inter lacks is drawn with the
+// system configuration instead.
 constexpr const char* kInterOnlyConfig = R"(<?xml version="1.0"?>
 <fontconfig>
   <dir>/usr/share/fonts/opentype/inter</dir>
@@ -95,23 +97,29 @@ struct FontMetricsDeleter {
 
 using PangoContextPtr = std::unique_ptr<PangoContext, GObjectDeleter>;
 
-using FontMapPtr = std::unique_ptr<PangoFontMap, GObjectDeleter>;
+// Made once and kept for the process. Pango's font maps are not thread-safe (its default one is
+// per thread), so everything that lays out or draws text, or makes or drops a context, holds
+// fontMapsLock(). (Maps per thread would sit in this loaded module's dynamic TLS, which
+// LeakSanitizer misreads at exit.)
+std::mutex& fontMapsLock() {
+    static std::mutex lock;
+    return lock;
+}
 
-FontMapPtr makeFontMap(FcConfig* config) {
-    FontMapPtr map(pango_cairo_font_map_new_for_font_type(CAIRO_FONT_TYPE_FT));
-    if (map) pango_fc_font_map_set_config(PANGO_FC_FONT_MAP(map.get()), config);
+PangoFontMap* makeFontMap(FcConfig* config) {
+    PangoFontMap* map = pango_cairo_font_map_new_for_font_type(CAIRO_FONT_TYPE_FT);
+    if (map != nullptr) pango_fc_font_map_set_config(PANGO_FC_FONT_MAP(map), config);
     return map;
 }
 
-// Font maps are not shared between threads (pango's default one is per thread too).
 PangoFontMap* systemFontMap() {
-    thread_local const FontMapPtr map = systemConfig() ? makeFontMap(systemConfig()) : nullptr;
-    return map ? map.get() : pango_cairo_font_map_get_default();
+    static PangoFontMap* const map = systemConfig() ? makeFontMap(systemConfig()) : nullptr;
+    return map ? map : pango_cairo_font_map_get_default();
 }
 
 PangoFontMap* interOnlyFontMap() {
-    thread_local const FontMapPtr map = interOnlyConfig() ? makeFontMap(interOnlyConfig()) : nullptr;
-    return map ? map.get() : systemFontMap();
+    static PangoFontMap* const map = interOnlyConfig() ? makeFontMap(interOnlyConfig()) : nullptr;
+    return map ? map : systemFontMap();
 }
 
 // A pango context drawing on cr with the fonts of map.
@@ -241,7 +249,14 @@ public:
         cairo_fill(cr);
     }
 
+    ~CairoImageCanvas() override {
+        std::lock_guard lock(fontMapsLock());
+        pango_.reset();
+        systemPango_.reset();
+    }
+
     double lineHeight(const Font& font) override {
+        std::lock_guard lock(fontMapsLock());
         auto description = describe(font);
         std::unique_ptr<PangoFontMetrics, FontMetricsDeleter> metrics(
             pango_context_get_metrics(pango_.get(), description.get(), nullptr));
@@ -254,6 +269,7 @@ public:
     void drawText(const std::string& text, const Rect& rect, const Font& font, const Rgba& color,
                   TextAlignment alignment) override {
         cairo_t* cr = context_.get();
+        std::lock_guard lock(fontMapsLock());
         auto layout = layOut(pango_.get(), text, rect, font, alignment);
         if (pango_layout_get_unknown_glyphs_count(layout.get()) > 0) {
             // A script Inter lacks: the system's fonts, with their fallbacks.
@@ -305,12 +321,20 @@ ImageCanvas* makeCanvas(int width, int height) {
     if (cairo_surface_status(surface.get()) != CAIRO_STATUS_SUCCESS) return nullptr;
     std::unique_ptr<cairo_t, ContextDeleter> context(cairo_create(surface.get()));
     if (cairo_status(context.get()) != CAIRO_STATUS_SUCCESS) return nullptr;
-    PangoContextPtr pango = makeContext(context.get(), interOnlyFontMap());
+    PangoContextPtr pango;
+    {
+        std::lock_guard lock(fontMapsLock());
+        pango = makeContext(context.get(), interOnlyFontMap());
+    }
     if (!pango) return nullptr;
 
     auto* canvas = new (std::nothrow)
         CairoImageCanvas(surface.get(), context.get(), pango.get());
-    if (canvas == nullptr) return nullptr;
+    if (canvas == nullptr) {
+        std::lock_guard lock(fontMapsLock());
+        pango.reset();
+        return nullptr;
+    }
     surface.release();
     context.release();
     pango.release();
