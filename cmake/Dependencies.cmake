@@ -12,6 +12,8 @@ if(VONTU_LINUX_PLATFORM)
   find_package(CLI11 CONFIG REQUIRED)
   pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
   pkg_check_modules(PANGOCAIRO REQUIRED IMPORTED_TARGET pangocairo cairo)
+  # The drawing module's own font configuration, and its PNG writer.
+  pkg_check_modules(BADGE_FONTS REQUIRED IMPORTED_TARGET pangoft2 fontconfig libpng)
 
   # asio ships as a standalone header-only library.
   find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)

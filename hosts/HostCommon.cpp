@@ -7,26 +7,59 @@
 #include <iostream>
 #include <iterator>
 #include <optional>
-#include <regex>
 #include <sstream>
+#include <string_view>
 
 #include "platform/FileName.hpp"
 
 namespace vontu::hosts {
 
+namespace {
+
+// Checked by hand: compiling a std::regex at start cost a push more than parsing its payload.
+bool isDigits(std::string_view text) { return text.find_first_not_of("0123456789") == text.npos; }
+
+// One to three dot-separated numbers, such as 17.0.
+bool isVersion(std::string_view text) {
+    for (int part = 0; part < 3; ++part) {
+        const auto dot = text.find('.');
+        const auto number = text.substr(0, dot);
+        if (number.empty() || !isDigits(number)) return false;
+        if (dot == text.npos) return true;
+        text.remove_prefix(dot + 1);
+    }
+    return false;
+}
+
+// HOST:PORT:ADDR:PORT as curl's --connect-to takes it, the ports possibly empty and ADDR
+// possibly a bracketed IPv6 address.
+bool isConnectToEntry(std::string_view entry) {
+    const auto first = entry.find(':');
+    if (first == entry.npos) return false;
+    const auto second = entry.find(':', first + 1);
+    if (second == entry.npos || !isDigits(entry.substr(first + 1, second - first - 1))) return false;
+    const auto target = entry.substr(second + 1);
+    const auto last = target.rfind(':');
+    if (last == target.npos || !isDigits(target.substr(last + 1))) return false;
+    const auto address = target.substr(0, last);
+    const bool bracketed = address.size() >= 2 && address.starts_with('[') && address.ends_with(']') &&
+                           address.substr(1, address.size() - 2).find(']') == address.npos;
+    return bracketed || address.find(':') == address.npos;
+}
+
+}  // namespace
+
 void addPlatformOptions(CLI::App& app, platform::linux_host::HostSettings& settings) {
     app.add_option("--home", settings.home, "State root (else $VONTU_HOME, $XDG_DATA_HOME/vontu)");
     app.add_option("--system-version", settings.systemVersion, "System version the host reports")
         ->check([](const std::string& value) -> std::string {
-            static const std::regex version(R"(\d+(\.\d+){0,2})");
-            return std::regex_match(value, version) ? "" : "expected a version such as 17.0";
+            return isVersion(value) ? "" : "expected a version such as 17.0";
         });
     app.add_option("--connect-to", settings.network.connectTo,
                    "HOST:PORT:ADDR:PORT, as curl's option (repeatable)")
         ->allow_extra_args(false)
         ->check([](const std::string& value) -> std::string {
-            static const std::regex entry(R"([^:]*:\d*:[^:]*:\d*|[^:]*:\d*:\[[^\]]*\]:\d*)");
-            return std::regex_match(value, entry) ? "" : "expected HOST:PORT:ADDR:PORT";
+            return isConnectToEntry(value) ? "" : "expected HOST:PORT:ADDR:PORT";
         });
     app.add_option("--cacert", settings.network.extraCaFile, "An extra trusted CA (PEM file)")
         ->check(CLI::ExistingFile);

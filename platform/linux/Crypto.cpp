@@ -8,6 +8,7 @@
 #include <uuid/uuid.h>
 
 #include <cctype>
+#include <cstddef>
 #include <cerrno>
 #include <mutex>
 
@@ -19,14 +20,17 @@ namespace {
 // costs every process about 1.4 MB of memory, and a read receipt never digests or encodes
 // anything. The declarations come from OpenSSL's own headers, so the signatures are checked.
 struct LibCrypto {
-    decltype(&::EVP_Digest) digest = nullptr;
-    decltype(&::EVP_md5) md5 = nullptr;
+    // MD5() digests directly. EVP_Digest would first look up an MD5 implementation among the
+    // library's providers, and loading them cost a new-mail push more than the rest of its own
+    // work. (Declared here because OpenSSL 3 marks MD5() deprecated.)
+    using Md5Function = unsigned char* (*)(const unsigned char*, std::size_t, unsigned char*);
+    Md5Function md5 = nullptr;
     decltype(&::EVP_EncodeBlock) encodeBlock = nullptr;
     decltype(&::EVP_DecodeBlock) decodeBlock = nullptr;
     decltype(&::RAND_bytes) randomBytes = nullptr;
 
     bool loaded() const {
-        return digest && md5 && encodeBlock && decodeBlock && randomBytes;
+        return md5 && encodeBlock && decodeBlock && randomBytes;
     }
 };
 
@@ -44,8 +48,7 @@ const LibCrypto* libCrypto() {
         void* library = ::dlopen("libcrypto.so." OPENSSL_MSTR(OPENSSL_VERSION_MAJOR),
                                  RTLD_NOW | RTLD_LOCAL);
         if (library == nullptr) return;
-        bind(library, "EVP_Digest", functions.digest);
-        bind(library, "EVP_md5", functions.md5);
+        bind(library, "MD5", functions.md5);
         bind(library, "EVP_EncodeBlock", functions.encodeBlock);
         bind(library, "EVP_DecodeBlock", functions.decodeBlock);
         bind(library, "RAND_bytes", functions.randomBytes);
@@ -57,10 +60,9 @@ const LibCrypto* libCrypto() {
 
 std::array<std::uint8_t, 16> md5(std::string_view bytes) {
     std::array<std::uint8_t, 16> digest{};
-    unsigned int length = 0;
     if (const auto* crypto = libCrypto()) {
-        crypto->digest(bytes.data(), bytes.size(), digest.data(), &length, crypto->md5(),
-                       nullptr);
+        crypto->md5(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(),
+                    digest.data());
     }
     return digest;
 }

@@ -6,7 +6,7 @@ set_target_properties(vontu_drawing_cairo_module PROPERTIES
   OUTPUT_NAME vontu_drawing_cairo
   CXX_VISIBILITY_PRESET hidden
   VISIBILITY_INLINES_HIDDEN ON)
-target_link_libraries(vontu_drawing_cairo_module PRIVATE PkgConfig::PANGOCAIRO)
+target_link_libraries(vontu_drawing_cairo_module PRIVATE PkgConfig::PANGOCAIRO PkgConfig::BADGE_FONTS)
 
 add_library(vontu_drawing_loader STATIC DrawingLoader.cpp)
 target_link_libraries(vontu_drawing_loader PRIVATE vontu_module_loader)

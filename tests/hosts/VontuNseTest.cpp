@@ -291,10 +291,14 @@ TEST_F(VontuNse, ReadsARequestFileAndRefusesInputItCannotReadWithExit2) {
         {{"--warning", "nan", "-"}, "{}"},
         {{"--bundle-id", "../elsewhere", "-"}, "{}"},  // would leave the state root
         {{"--relay-url", "http://relay.test:8080", "-"}, "{}"},  // the port is always 9001
+        {{"--relay-url", "ftp://relay.test", "-"}, "{}"},
+        {{"--relay-url", "https://[::1]/", "-"}, "{}"},
         {{"--serve", "-"}, ""},
         {{files.path().string()}, ""},  // a directory
         {{"-"}, R"({"aps": )" + std::string(100000, '[') + std::string(100000, ']') + "}"},
         {{"--connect-to", "nonsense", "-"}, "{}"},
+        {{"--connect-to", "a:1:[::1:2", "-"}, "{}"},
+        {{"--system-version", "17.0.1.2", "-"}, "{}"},
     };
     for (const auto& [args, input] : cases) {
         auto result = nse(args, input);
