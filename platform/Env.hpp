@@ -52,6 +52,11 @@ public:
     virtual Date now() = 0;
 
     // --- Files. Paths are absolute; created files are 0600 and directories 0700.
+    //
+    // Durability: a write, rewrite, move or removal that has returned success survives the
+    // process being killed at any moment after it. A power cut may undo the changes of the last
+    // few seconds (nothing is flushed to the device on each call), but never leaves a file torn:
+    // a file replaced whole has its old or its new contents afterwards.
     virtual std::expected<Bytes, FileError> readFile(const std::filesystem::path& path) = 0;
     // Writes through a temporary file in the same directory and a rename, so that readers see
     // the old or the new contents, never a torn file.
