@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <future>
 #include <set>
 #include <map>
+#include <random>
 #include <regex>
 #include <string>
 #include <vector>
@@ -47,19 +49,21 @@ struct TernHostTest : ::testing::Test {
     }
 
     ProcessResult runWith(std::vector<std::string> arguments,
-                          const std::map<std::string, std::string>& environment = {}) {
+                          const std::map<std::string, std::string>& environment = {},
+                          double killAfterSeconds = 120) {
         std::vector<std::string> all = {"--home", home.path().string()};
         all.insert(all.end(), arguments.begin(), arguments.end());
         return vontu::testing::runProcess(vontu::testing::builtProgram("hosts/tern"), all, "",
-                                          environment);
+                                          environment, killAfterSeconds);
     }
 
-    // tern with the test's site, key and configuration.
-    ProcessResult tern(std::vector<std::string> arguments) {
+    // tern with the test's site, key and configuration; killed (SIGKILL) when still running
+    // after killAfterSeconds.
+    ProcessResult tern(std::vector<std::string> arguments, double killAfterSeconds = 120) {
         std::vector<std::string> all = {"--site-id", kSiteId, "--api-key", kApiKey, "--config",
                                         config().dump()};
         all.insert(all.end(), arguments.begin(), arguments.end());
-        return runWith(all);
+        return runWith(all, {}, killAfterSeconds);
     }
 
     std::filesystem::path queueDirectory() const {
@@ -316,6 +320,38 @@ TEST_F(TernHostTest, ProgramsAddingAndFlushingAtOnceSendEachTaskOnce) {
     for (const auto& request : server.requests()) names.insert(request.json()["name"]);
     EXPECT_EQ(names.size(), 40u);
     for (int n = 0; n < 40; ++n) EXPECT_EQ(names.count(std::to_string(n)), 1u) << n;
+}
+
+// Killed at random moments while it adds and flushes, tern never leaves a queue that does not
+// read, and every task it reported as stored (exit 0) is sent by a later run.
+TEST_F(TernHostTest, KilledAtRandomMomentsItLeavesAReadableQueueAndLosesNoStoredTask) {
+    // Moments up to half again as long as a whole command takes on this build and machine.
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(tern({"identify", "kim", "--flush"}).exitCode, 0);
+    const std::chrono::duration<double> whole = std::chrono::steady_clock::now() - start;
+    std::mt19937 random(20261125);
+    std::uniform_real_distribution<double> moment(0.0, 1.5 * whole.count());
+    std::set<std::string> stored;
+    int killed = 0;
+    for (int trial = 0; trial < 200; ++trial) {
+        const std::string name = "e" + std::to_string(trial);
+        const auto result = tern({"track", name, "--flush"}, moment(random));
+        if (result.exitCode == 0) {
+            stored.insert(name);
+        } else {
+            EXPECT_EQ(result.exitCode, 128 + SIGKILL) << result.err;
+            ++killed;
+        }
+    }
+    EXPECT_GT(killed, 10);
+    EXPECT_GT(stored.size(), 10u);
+    EXPECT_TRUE(queueStatus()["tasks"].is_array());
+    ASSERT_EQ(tern({"queue", "run"}).exitCode, 0);
+    std::set<std::string> sent;
+    for (const auto& request : server.requests()) {
+        if (request.json().contains("name")) sent.insert(request.json()["name"].get<std::string>());
+    }
+    for (const auto& name : stored) EXPECT_TRUE(sent.contains(name)) << name << " lost";
 }
 
 TEST_F(TernHostTest, SiteAndKeyComeFromTheOptionsElseTheEnvironmentElseTheBuild) {
