@@ -141,6 +141,15 @@ void serve(const Options& options, platform::Env& env, hosts::ExtensionQueue& qu
     while (std::getline(std::cin, line)) {
         if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
         auto parsed = hosts::parseJsonText(line, "the line");
+        // The picture's path is the host's, not part of the push.
+        std::string previewPath;
+        if (parsed && parsed->is_object()) {
+            if (auto member = parsed->find("preview");
+                member != parsed->end() && member->is_string()) {
+                previewPath = member->get<std::string>();
+            }
+            parsed->erase("preview");
+        }
         auto request = parsed ? platform::requestFromJson(*parsed)
                               : std::expected<platform::NotificationRequest, std::string>(
                                     std::unexpected(parsed.error()));
@@ -148,10 +157,6 @@ void serve(const Options& options, platform::Env& env, hosts::ExtensionQueue& qu
             hosts::printError(kProgram, request.error());
             printLine({{"error", request.error()}});
             continue;
-        }
-        std::string previewPath;
-        if (auto member = parsed->find("preview"); member != parsed->end() && member->is_string()) {
-            previewPath = member->get<std::string>();
         }
         auto output = runPush(*request, options, previewPath, env, queue);
         printLine(output ? *output : json{{"error", "nothing delivered within the time limit"}});
