@@ -243,14 +243,16 @@ bool draw(const NotificationPreview& preview, Bytes& png) {
 
     std::vector<PlacedText> texts;
     double y = pad;
+    // Whichever text comes first shares its line with the time.
     auto add = [&](const std::string& text, PangoWeight weight, double right, int lines) {
         if (text.empty()) return;
+        if (texts.empty()) right = std::min(right, time.x - kGap);
         PlacedText placed{makeLayout(pango.get(), text, kTitleSize, weight, right - textX, lines),
                           textX, y, &palette.primary};
         y += layoutHeight(placed.layout.get());
         texts.push_back(std::move(placed));
     };
-    add(preview.title, PANGO_WEIGHT_BOLD, std::min(textRight, time.x - kGap), 1);
+    add(preview.title, PANGO_WEIGHT_BOLD, textRight, 1);
     add(preview.subtitle, PANGO_WEIGHT_NORMAL, textRight, 1);
     add(preview.body, PANGO_WEIGHT_NORMAL, textRight, Layout::kMaxBodyLines);
 
