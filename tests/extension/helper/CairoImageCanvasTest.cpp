@@ -96,7 +96,7 @@ public:
         const auto* row = cairo_image_surface_get_data(surface_.get()) +
                           y * cairo_image_surface_get_stride(surface_.get());
         const auto argb = reinterpret_cast<const std::uint32_t*>(row)[x];
-        return {int(argb >> 16 & 0xff), int(argb >> 8 & 0xff), int(argb & 0xff), int(argb >> 24)};
+        return {int((argb >> 16) & 0xff), int((argb >> 8) & 0xff), int(argb & 0xff), int(argb >> 24)};
     }
     Pixel at(double x, double y) const {
         return pixel(int(x * Layout::kScale), int(y * Layout::kScale));
