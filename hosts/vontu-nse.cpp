@@ -175,12 +175,12 @@ int parseCommandLine(int argc, char** argv, Options& options) {
     app.add_option("--bundle-id", options.settings.bundleIdentifier, "Bundle id of the extension")
         ->check(hosts::directoryNameProblem);
     auto* serve = app.add_flag("--serve", options.serve, "Read one request a line from standard input");
-    app.add_option("--preview", options.preview, "Write a picture of the delivered notification (PNG)")
+    app.add_option("--preview", options.preview, "Write the delivered notification as a PNG")
         ->excludes(serve);
-    app.add_option("--preview-style", options.previewStyle, "Colours of the picture: light or dark")
-        ->transform(CLI::CheckedTransformer(
-            std::map<std::string, platform::PreviewStyle>{{"light", platform::PreviewStyle::light},
-                                                          {"dark", platform::PreviewStyle::dark}}));
+    const std::map<std::string, platform::PreviewStyle> styles{
+        {"light", platform::PreviewStyle::light}, {"dark", platform::PreviewStyle::dark}};
+    app.add_option("--preview-style", options.previewStyle, "Colours of the picture")
+        ->transform(CLI::CheckedTransformer(styles));
     app.add_option("input", options.input, "Request file, or - for standard input")
         ->excludes(serve);
     try {

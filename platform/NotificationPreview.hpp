@@ -23,7 +23,7 @@ struct NotificationPreview {
     PreviewStyle style = PreviewStyle::light;
 };
 
-// The banner's geometry in points; the picture is drawn at kPreviewScale pixels a point.
+// The banner's geometry in points; the picture is drawn at kScale pixels a point.
 struct PreviewLayout {
     static constexpr double kScale = 2;
     static constexpr double kWidth = 360;

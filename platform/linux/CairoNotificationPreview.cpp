@@ -50,7 +50,8 @@ template <typename T, auto release>
 struct Releaser {
     void operator()(T* object) const { release(object); }
 };
-using SurfacePtr = std::unique_ptr<cairo_surface_t, Releaser<cairo_surface_t, cairo_surface_destroy>>;
+using SurfacePtr =
+    std::unique_ptr<cairo_surface_t, Releaser<cairo_surface_t, cairo_surface_destroy>>;
 using ContextPtr = std::unique_ptr<cairo_t, Releaser<cairo_t, cairo_destroy>>;
 using LayoutPtr = std::unique_ptr<PangoLayout, Releaser<void, g_object_unref>>;
 using PangoContextPtr = std::unique_ptr<PangoContext, Releaser<void, g_object_unref>>;
@@ -215,90 +216,115 @@ void drawThumbnail(cairo_t* cr, const Palette& palette, const Bytes& encoded, do
     }
 }
 
-bool draw(const NotificationPreview& preview, Bytes& png) {
-    const Palette& palette = paletteFor(preview.style);
-    PangoContextPtr pango(
-        pango_font_map_create_context(pango_cairo_font_map_get_default()));
-    if (!pango) return false;
-    // Unhinted metrics: the layout measured here is the one drawn at twice the size.
+PangoContextPtr makePangoContext() {
+    PangoContextPtr pango(pango_font_map_create_context(pango_cairo_font_map_get_default()));
+    if (!pango) return nullptr;
+    // Unhinted metrics: the layout measured in points is the one drawn at twice the size.
     std::unique_ptr<cairo_font_options_t, decltype(&cairo_font_options_destroy)> options(
         cairo_font_options_create(), &cairo_font_options_destroy);
     cairo_font_options_set_hint_metrics(options.get(), CAIRO_HINT_METRICS_OFF);
     cairo_font_options_set_antialias(options.get(), CAIRO_ANTIALIAS_GRAY);
     pango_cairo_context_set_font_options(pango.get(), options.get());
+    return pango;
+}
 
+// Where everything goes, in points; the card is as tall as its contents.
+struct BannerLayout {
+    std::vector<PlacedText> texts;
+    double thumbnailX = 0, thumbnailY = 0;
+    double height = 0;
+};
+
+BannerLayout layOut(PangoContext* pango, const NotificationPreview& preview,
+                    const Palette& palette) {
     const double pad = Layout::kPadding;
     const double textX = pad + Layout::kIconSize + kGap;
     const double rightEdge = Layout::kWidth - pad;
     const bool hasThumbnail = preview.thumbnail.has_value();
     const double textRight = hasThumbnail ? rightEdge - Layout::kThumbnailSize - kGap : rightEdge;
+    BannerLayout banner;
 
-    // The time sits at the top right; the title's line ends before it.
-    PlacedText time{makeLayout(pango.get(), preview.relativeTime, kTimeSize, PANGO_WEIGHT_NORMAL,
-                               Layout::kWidth / 2, 1)};
+    // The time sits at the top right, on one line whatever its length.
+    PlacedText time{makeLayout(pango, preview.relativeTime, kTimeSize, PANGO_WEIGHT_NORMAL,
+                               Layout::kWidth, 1)};
     pango_layout_set_width(time.layout.get(), -1);
     time.x = rightEdge - layoutWidth(time.layout.get());
     time.y = pad + 1;
     time.colour = &palette.secondary;
+    const double timeLeft = time.x;
+    banner.texts.push_back(std::move(time));
 
-    std::vector<PlacedText> texts;
     double y = pad;
-    // Whichever text comes first shares its line with the time.
-    auto add = [&](const std::string& text, PangoWeight weight, double right, int lines) {
+    // Whichever text comes first shares its line with the time and ends before it.
+    auto add = [&](const std::string& text, PangoWeight weight, int lines) {
         if (text.empty()) return;
-        if (texts.empty()) right = std::min(right, time.x - kGap);
-        PlacedText placed{makeLayout(pango.get(), text, kTitleSize, weight, right - textX, lines),
+        const double right = banner.texts.size() == 1 ? std::min(textRight, timeLeft - kGap)
+                                                      : textRight;
+        PlacedText placed{makeLayout(pango, text, kTitleSize, weight, right - textX, lines),
                           textX, y, &palette.primary};
         y += layoutHeight(placed.layout.get());
-        texts.push_back(std::move(placed));
+        banner.texts.push_back(std::move(placed));
     };
-    add(preview.title, PANGO_WEIGHT_BOLD, textRight, 1);
-    add(preview.subtitle, PANGO_WEIGHT_NORMAL, textRight, 1);
-    add(preview.body, PANGO_WEIGHT_NORMAL, textRight, Layout::kMaxBodyLines);
+    add(preview.title, PANGO_WEIGHT_BOLD, 1);
+    add(preview.subtitle, PANGO_WEIGHT_NORMAL, 1);
+    add(preview.body, PANGO_WEIGHT_NORMAL, Layout::kMaxBodyLines);
 
-    const double thumbnailY = pad + 20;
-    double height = std::max(y, pad + Layout::kIconSize);
-    if (hasThumbnail) height = std::max(height, thumbnailY + Layout::kThumbnailSize);
-    height += pad;
+    banner.thumbnailX = rightEdge - Layout::kThumbnailSize;
+    banner.thumbnailY = pad + 20;  // below the time
+    banner.height = std::max(y, pad + Layout::kIconSize);
+    if (hasThumbnail) {
+        banner.height = std::max(banner.height, banner.thumbnailY + Layout::kThumbnailSize);
+    }
+    banner.height += pad;
+    return banner;
+}
 
-    const int pixelWidth = static_cast<int>(Layout::kWidth * Layout::kScale);
-    const int pixelHeight = static_cast<int>(std::ceil(height * Layout::kScale));
-    SurfacePtr surface(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, pixelWidth, pixelHeight));
-    if (cairo_surface_status(surface.get()) != CAIRO_STATUS_SUCCESS) return false;
-    ContextPtr context(cairo_create(surface.get()));
-    cairo_t* cr = context.get();
-    if (cairo_status(cr) != CAIRO_STATUS_SUCCESS) return false;
+void paint(cairo_t* cr, PangoContext* pango, const NotificationPreview& preview,
+           const Palette& palette, const BannerLayout& banner) {
     cairo_scale(cr, Layout::kScale, Layout::kScale);
-
-    roundedRectPath(cr, 0, 0, Layout::kWidth, height, kCardRadius);
+    roundedRectPath(cr, 0, 0, Layout::kWidth, banner.height, kCardRadius);
     setSource(cr, palette.card);
     cairo_fill(cr);
 
+    const double pad = Layout::kPadding;
     SurfacePtr avatar = preview.senderAvatar ? decodePng(*preview.senderAvatar) : nullptr;
     if (avatar) {
-        drawAvatarWithAppIcon(cr, pango.get(), palette, avatar.get(), pad, pad);
+        drawAvatarWithAppIcon(cr, pango, palette, avatar.get(), pad, pad);
     } else {
-        drawAppIcon(cr, pango.get(), palette, pad, pad, Layout::kIconSize);
+        drawAppIcon(cr, pango, palette, pad, pad, Layout::kIconSize);
     }
-    if (hasThumbnail) {
-        drawThumbnail(cr, palette, *preview.thumbnail, rightEdge - Layout::kThumbnailSize,
-                      thumbnailY);
+    if (preview.thumbnail) {
+        drawThumbnail(cr, palette, *preview.thumbnail, banner.thumbnailX, banner.thumbnailY);
     }
-
-    texts.push_back(std::move(time));
-    for (const auto& text : texts) {
+    for (const auto& text : banner.texts) {
         setSource(cr, *text.colour);
         cairo_move_to(cr, text.x, text.y);
         pango_cairo_show_layout(cr, text.layout.get());
     }
+}
 
+cairo_status_t appendToBytes(void* closure, const unsigned char* data, unsigned int length) {
+    auto* bytes = static_cast<Bytes*>(closure);
+    bytes->insert(bytes->end(), data, data + length);
+    return CAIRO_STATUS_SUCCESS;
+}
+
+bool draw(const NotificationPreview& preview, Bytes& png) {
+    const Palette& palette = paletteFor(preview.style);
+    PangoContextPtr pango = makePangoContext();
+    if (!pango) return false;
+    const BannerLayout banner = layOut(pango.get(), preview, palette);
+
+    const int pixelWidth = static_cast<int>(Layout::kWidth * Layout::kScale);
+    const int pixelHeight = static_cast<int>(std::ceil(banner.height * Layout::kScale));
+    SurfacePtr surface(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, pixelWidth, pixelHeight));
+    if (cairo_surface_status(surface.get()) != CAIRO_STATUS_SUCCESS) return false;
+    ContextPtr context(cairo_create(surface.get()));
+    if (cairo_status(context.get()) != CAIRO_STATUS_SUCCESS) return false;
+    paint(context.get(), pango.get(), preview, palette, banner);
     cairo_surface_flush(surface.get());
-    auto append = [](void* closure, const unsigned char* data, unsigned int length) {
-        auto* bytes = static_cast<Bytes*>(closure);
-        bytes->insert(bytes->end(), data, data + length);
-        return CAIRO_STATUS_SUCCESS;
-    };
-    return cairo_surface_write_to_png_stream(surface.get(), append, &png) == CAIRO_STATUS_SUCCESS;
+    return cairo_surface_write_to_png_stream(surface.get(), appendToBytes, &png) ==
+           CAIRO_STATUS_SUCCESS;
 }
 
 }  // namespace

@@ -96,18 +96,19 @@ public:
         const auto* row = cairo_image_surface_get_data(surface_.get()) +
                           y * cairo_image_surface_get_stride(surface_.get());
         const auto argb = reinterpret_cast<const std::uint32_t*>(row)[x];
-        return {int((argb >> 16) & 0xff), int((argb >> 8) & 0xff), int(argb & 0xff), int(argb >> 24)};
+        return {int((argb >> 16) & 0xff), int((argb >> 8) & 0xff), int(argb & 0xff),
+                int(argb >> 24)};
     }
     Pixel at(double x, double y) const {
         return pixel(int(x * Layout::kScale), int(y * Layout::kScale));
     }
 
-    // Runs of pixel rows with ink (unlike the card) between two x positions in points: the
-    // lines of text there, top to bottom, as [first, last] pixel rows.
-    std::vector<std::pair<int, int>> inkedRows(double left, double right) const {
+    // The text column's runs of pixel rows with ink (unlike the card): its lines of text, top
+    // to bottom, as [first, last] rows.
+    std::vector<std::pair<int, int>> inkedRows() const {
         std::vector<std::pair<int, int>> runs;
         for (int y = 0; y < pixelHeight(); ++y) {
-            if (!inked(y, left, right)) continue;
+            if (inkedColumns({y, y}).second < 0) continue;
             if (!runs.empty() && runs.back().second == y - 1) {
                 runs.back().second = y;
             } else {
@@ -116,42 +117,35 @@ public:
         }
         return runs;
     }
-    // The first and last inked pixel columns of the rows.
-    std::pair<int, int> inkedColumns(std::pair<int, int> rows, double left, double right) const {
+    // The first and last inked columns of the text column in the rows; last is -1 for none.
+    std::pair<int, int> inkedColumns(std::pair<int, int> rows, int from = 0) const {
         std::pair<int, int> columns{pixelWidth(), -1};
         for (int y = rows.first; y <= rows.second; ++y) {
-            for (int x = px(left); x < px(right); ++x) {
-                if (isInk(pixel(x, y))) columns = {std::min(columns.first, x), std::max(columns.second, x)};
+            for (int x = std::max(from, px(kTextLeft)); x < px(kTextRight); ++x) {
+                if (!isInk(pixel(x, y))) continue;
+                columns = {std::min(columns.first, x), std::max(columns.second, x)};
             }
         }
         return columns;
     }
-    // How many pixel rows have ink in the last few columns of a line: the height of its end.
-    int heightOfLineEnd(std::pair<int, int> rows, double left, double right) const {
-        const int last = inkedColumns(rows, left, right).second;
+    // How many rows of a line have ink in its last few columns: the height of its end.
+    int heightOfLineEnd(std::pair<int, int> rows) const {
+        const int last = inkedColumns(rows).second;
         int height = 0;
         for (int y = rows.first; y <= rows.second; ++y) {
-            for (int x = last - 6; x <= last; ++x) {
-                if (isInk(pixel(x, y))) {
-                    ++height;
-                    break;
-                }
-            }
+            height += inkedColumns({y, y}, last - 6).second >= 0 ? 1 : 0;
         }
         return height;
     }
+
+    static constexpr double kTextLeft = Layout::kPadding + Layout::kIconSize + 10;
+    static constexpr double kTextRight = Layout::kWidth - Layout::kPadding;
 
 private:
     static int px(double points) { return int(points * Layout::kScale); }
     // Outside the rounded card is transparent, not ink.
     bool isInk(const Pixel& p) const { return p.alpha == 255 && !p.near(card()); }
     Pixel card() const { return pixel(pixelWidth() / 2, 2); }
-    bool inked(int y, double left, double right) const {
-        for (int x = px(left); x < px(right); ++x) {
-            if (isInk(pixel(x, y))) return true;
-        }
-        return false;
-    }
 
     SurfacePtr surface_;
 };
@@ -164,8 +158,8 @@ NotificationPreview preview(std::string title, std::string body) {
 }
 
 constexpr double kIconCentre = Layout::kPadding + Layout::kIconSize / 2;
-constexpr double kTextLeft = Layout::kPadding + Layout::kIconSize + 10;
-constexpr double kTextRight = Layout::kWidth - Layout::kPadding;
+constexpr double kTextLeft = Banner::kTextLeft;
+constexpr double kTextRight = Banner::kTextRight;
 
 TEST(NotificationPreviewDrawing, IsACardAtTwiceTheSizeLightOrDarkWithTheAppIconOrTheAvatar) {
     auto plain = preview("Dana", "Lunch?");
@@ -224,26 +218,27 @@ std::string capitalWords(int count) {
 
 TEST(NotificationPreviewDrawing, CutsALongBodyAfterFourLinesWithAnEllipsis) {
     Banner cut(preview("T", capitalWords(80)));
-    auto lines = cut.inkedRows(kTextLeft, kTextRight);
+    auto lines = cut.inkedRows();
     ASSERT_EQ(lines.size(), 1u + Layout::kMaxBodyLines);
-    const int fullLineEnd = cut.heightOfLineEnd(lines[3], kTextLeft, kTextRight);
-    EXPECT_LT(cut.heightOfLineEnd(lines[4], kTextLeft, kTextRight), fullLineEnd / 2);
+    const int fullLineEnd = cut.heightOfLineEnd(lines[3]);
+    EXPECT_LT(cut.heightOfLineEnd(lines[4]), fullLineEnd / 2);
 
     Banner fits(preview("T", capitalWords(6)));
-    auto fitting = fits.inkedRows(kTextLeft, kTextRight);
+    auto fitting = fits.inkedRows();
     ASSERT_GE(fitting.size(), 3u);
     ASSERT_LT(fitting.size(), 1u + Layout::kMaxBodyLines);
-    EXPECT_EQ(fits.heightOfLineEnd(fitting.back(), kTextLeft, kTextRight), fullLineEnd);
+    EXPECT_EQ(fits.heightOfLineEnd(fitting.back()), fullLineEnd);
 }
 
 TEST(NotificationPreviewDrawing, AlignsRightToLeftTextRightAndOtherTextLeft) {
-    for (auto [body, rightToLeft] : {std::pair{"\u05e9\u05dc\u05d5\u05dd \u05e2\u05d5\u05dc\u05dd", true},
-                                     std::pair{"hello world", false},
-                                     std::pair{"\U0001F35C noodles \u05e9\u05dc\u05d5\u05dd", false}}) {
+    const char* hebrew = "\u05e9\u05dc\u05d5\u05dd \u05e2\u05d5\u05dc\u05dd";
+    const char* emojiFirst = "\U0001F35C noodles \u05e9\u05dc\u05d5\u05dd";
+    for (auto [body, rightToLeft] : {std::pair{hebrew, true}, std::pair{"hello world", false},
+                                     std::pair{emojiFirst, false}}) {
         Banner banner(preview("T", body));
-        auto lines = banner.inkedRows(kTextLeft, kTextRight);
+        auto lines = banner.inkedRows();
         ASSERT_EQ(lines.size(), 2u) << body;
-        auto [first, last] = banner.inkedColumns(lines[1], kTextLeft, kTextRight);
+        auto [first, last] = banner.inkedColumns(lines[1]);
         const double fromLeft = first / Layout::kScale - kTextLeft;
         const double fromRight = kTextRight - last / Layout::kScale;
         EXPECT_EQ(fromRight < fromLeft, rightToLeft) << body << " " << fromLeft << " " << fromRight;
