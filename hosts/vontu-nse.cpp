@@ -1,12 +1,13 @@
 // vontu-nse: plays the operating system for the notification service extension. It reads one
 // notification request, hands it to a new extension on a serial "extension queue" while the
 // main thread runs the main loop, sends the expiry warning when its time comes, and prints the
-// first content delivered.
+// first content delivered, and on request a picture of it as the lock screen shows it.
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <iostream>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -16,6 +17,7 @@
 #include "extension/NotificationService.hpp"
 #include "hosts/ExtensionQueue.hpp"
 #include "hosts/HostCommon.hpp"
+#include "hosts/PreviewFile.hpp"
 #include "hosts/SessionClosingEnv.hpp"
 #include "platform/NotificationJson.hpp"
 
@@ -36,6 +38,8 @@ struct Options {
     double timeLimit = 30;
     double warning = 2;
     bool serve = false;
+    std::string preview;  // where to write the picture of the delivered content, if anywhere
+    platform::PreviewStyle previewStyle = platform::PreviewStyle::light;
 };
 
 // The first delivery of one request; later ones are ignored, as the system ignores them.
@@ -70,6 +74,11 @@ public:
                     {"elapsed_ms", std::chrono::duration_cast<std::chrono::milliseconds>(elapsed_).count()}};
     }
 
+    std::optional<platform::NotificationContent> content() {
+        std::lock_guard lock(mutex_);
+        return content_;
+    }
+
     Clock::duration sinceStart() const { return Clock::now() - start_; }
 
 private:
@@ -83,9 +92,10 @@ private:
 };
 
 // Runs one push through a new extension; returns the output line, or absent when nothing
-// was delivered within the time limit.
+// was delivered within the time limit. A preview path draws the content delivered there.
 std::optional<json> runPush(const platform::NotificationRequest& request, const Options& options,
-                            platform::Env& env, hosts::ExtensionQueue& extensionQueue) {
+                            const std::string& previewPath, platform::Env& env,
+                            hosts::ExtensionQueue& extensionQueue) {
     auto delivery = std::make_shared<Delivery>();
     auto service = std::make_shared<NotificationService>(options.relayUrl);
     ContentHandler handler = [delivery](const platform::NotificationContent& content) {
@@ -105,6 +115,16 @@ std::optional<json> runPush(const platform::NotificationRequest& request, const 
                                        std::chrono::duration<double>(options.timeLimit));
     auto output = delivery->waitUntil(deadline);
     warning->invalidate();
+    if (output && !previewPath.empty()) {
+        // The drawing module is loaded only here: a push that asks for no picture never maps it.
+        if (auto written = hosts::writePreview(env, *delivery->content(), options.previewStyle,
+                                               previewPath)) {
+            (*output)["preview"] = previewPath;
+        } else {
+            hosts::printError(kProgram, written.error());
+            (*output)["preview_error"] = written.error();
+        }
+    }
     return output;
 }
 
@@ -114,12 +134,22 @@ void printLine(const json& output) {
     std::fflush(stdout);
 }
 
-// Reads one request a line and answers one output a line, reusing this process for each.
+// Reads one request a line and answers one output a line, reusing this process for each. A
+// request may name a file for its picture in a "preview" member beside the request's own.
 void serve(const Options& options, platform::Env& env, hosts::ExtensionQueue& queue) {
     std::string line;
     while (std::getline(std::cin, line)) {
         if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
         auto parsed = hosts::parseJsonText(line, "the line");
+        // The picture's path is the host's, not part of the push.
+        std::string previewPath;
+        if (parsed && parsed->is_object()) {
+            if (auto member = parsed->find("preview");
+                member != parsed->end() && member->is_string()) {
+                previewPath = member->get<std::string>();
+            }
+            parsed->erase("preview");
+        }
         auto request = parsed ? platform::requestFromJson(*parsed)
                               : std::expected<platform::NotificationRequest, std::string>(
                                     std::unexpected(parsed.error()));
@@ -128,7 +158,7 @@ void serve(const Options& options, platform::Env& env, hosts::ExtensionQueue& qu
             printLine({{"error", request.error()}});
             continue;
         }
-        auto output = runPush(*request, options, env, queue);
+        auto output = runPush(*request, options, previewPath, env, queue);
         printLine(output ? *output : json{{"error", "nothing delivered within the time limit"}});
     }
 }
@@ -161,6 +191,12 @@ int parseCommandLine(int argc, char** argv, Options& options) {
     app.add_option("--bundle-id", options.settings.bundleIdentifier, "Bundle id of the extension")
         ->check(hosts::directoryNameProblem);
     auto* serve = app.add_flag("--serve", options.serve, "Read one request a line from standard input");
+    app.add_option("--preview", options.preview, "Write the delivered notification as a PNG")
+        ->excludes(serve);
+    const std::map<std::string, platform::PreviewStyle> styles{
+        {"light", platform::PreviewStyle::light}, {"dark", platform::PreviewStyle::dark}};
+    app.add_option("--preview-style", options.previewStyle, "Colours of the picture")
+        ->transform(CLI::CheckedTransformer(styles));
     app.add_option("input", options.input, "Request file, or - for standard input")
         ->excludes(serve);
     try {
@@ -214,7 +250,8 @@ int main(int argc, char** argv) {
         std::thread controller([&] {
             if (options.serve) {
                 serve(options, env, extensionQueue);
-            } else if (auto output = runPush(*request, options, env, extensionQueue)) {
+            } else if (auto output =
+                           runPush(*request, options, options.preview, env, extensionQueue)) {
                 printLine(*output);
             } else {
                 hosts::printError(kProgram, "nothing was delivered within the time limit");

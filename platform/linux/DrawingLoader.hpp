@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "platform/ImageCanvas.hpp"
+#include "platform/NotificationPreview.hpp"
 
 namespace vontu::platform::linux_host {
 
@@ -17,8 +18,18 @@ inline constexpr const char* kDrawingModuleVariable = "VONTU_DRAWING_MODULE";
 inline constexpr const char* kMakeImageCanvasSymbol = "vontu_drawing_make_image_canvas";
 using MakeImageCanvasFunction = ImageCanvas* (*)(int width, int height);
 
+// The module's second export: draws a notification's banner and appends its PNG to the bytes;
+// false when it cannot be drawn.
+inline constexpr const char* kDrawNotificationPreviewSymbol =
+    "vontu_drawing_draw_notification_preview";
+using DrawNotificationPreviewFunction = bool (*)(const NotificationPreview& preview, Bytes& png);
+
 // Loads the module once per process (thread-safe) and makes a canvas with it. Absent when the
 // module cannot be loaded or the canvas not created.
 std::unique_ptr<ImageCanvas> loadAndMakeImageCanvas(int width, int height);
+
+// Loads the module (as above) and draws the banner as a PNG at PreviewLayout::kScale; absent
+// when the module cannot be loaded or the picture not drawn.
+std::optional<Bytes> loadAndDrawNotificationPreview(const NotificationPreview& preview);
 
 }  // namespace vontu::platform::linux_host

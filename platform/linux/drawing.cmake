@@ -1,7 +1,7 @@
 # Drawing: cairo and pango live in a loadable module, libvontu_drawing_cairo.so, so that they
 # are mapped only by a process that draws. What the rest of the tree links is the small loader.
 
-add_library(vontu_drawing_cairo_module MODULE CairoImageCanvas.cpp)
+add_library(vontu_drawing_cairo_module MODULE CairoImageCanvas.cpp CairoNotificationPreview.cpp)
 set_target_properties(vontu_drawing_cairo_module PROPERTIES
   OUTPUT_NAME vontu_drawing_cairo
   CXX_VISIBILITY_PRESET hidden

@@ -345,5 +345,42 @@ TEST_F(VontuNse, ReadReceiptsArrivingAtOnceAllTakeEffect) {
     EXPECT_NE(defaults({"read", "group.ios.vontu", "Track_m1"}).exitCode, 0);  // removed
 }
 
+// The picture is drawn only when asked for: a push without one never loads the drawing module
+// (the dynamic linker's own report says what was loaded).
+TEST_F(VontuNse, DrawsAPreviewOnlyWhenAskedForInEitherStyleAndPerRequestWhenServing) {
+    testing::TempDir pictures;
+    const auto light = (pictures.path() / "light.png").string();
+    const auto dark = (pictures.path() / "dark.png").string();
+    const std::map<std::string, std::string> linkerReport{{"LD_DEBUG", "files"}};
+    const std::string drawingModule = "libvontu_drawing_cairo.so";
+
+    auto plain = nse({"-"}, readReceipt("bob@x"), linkerReport);
+    EXPECT_FALSE(output(plain).contains("preview"));
+    EXPECT_EQ(plain.err.find(drawingModule), std::string::npos);
+
+    auto drawn = nse({"--preview", light, "-"}, readReceipt("bob@x"), linkerReport);
+    EXPECT_EQ(output(drawn)["preview"], light);
+    EXPECT_NE(drawn.err.find(drawingModule), std::string::npos);
+    EXPECT_EQ(output(nse({"--preview-style", "dark", "--preview", dark, "-"}, readReceipt("b")))
+                  ["preview"], dark);
+    for (const auto& picture : {light, dark}) {
+        std::ifstream file(picture, std::ios::binary);
+        std::string header(24, '\0');
+        file.read(header.data(), 24);
+        EXPECT_EQ(header.substr(1, 3), "PNG") << picture;
+        // Width 720 (360 points at 2x), big-endian at offset 16.
+        EXPECT_EQ(header.substr(16, 4), std::string("\0\0\x02\xd0", 4)) << picture;
+    }
+    EXPECT_EQ(nse({"--preview-style", "sepia", "-"}, readReceipt("b")).exitCode, 2);
+
+    const auto served = (pictures.path() / "served.png").string();
+    auto request = json::parse(readReceipt("b"));
+    request["preview"] = served;
+    auto lines = nse({"--serve"}, request.dump() + "\n" + readReceipt("b") + "\n");
+    EXPECT_NE(lines.out.find("\"preview\":\"" + served + "\""), std::string::npos) << lines.out;
+    EXPECT_EQ(std::count(lines.out.begin(), lines.out.end(), '\n'), 2);
+    EXPECT_TRUE(std::filesystem::exists(served));
+}
+
 }  // namespace
 }  // namespace vontu
