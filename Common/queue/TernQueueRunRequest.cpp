@@ -1,6 +1,8 @@
 #include "Common/queue/TernQueueRunRequest.hpp"
 
+#include <algorithm>
 #include <atomic>
+#include <iterator>
 #include <future>
 #include <limits>
 #include <optional>
@@ -69,10 +71,17 @@ private:
         // Let go of the inventory before the task runs: the storage then changes its list in
         // place instead of copying it.
         const auto inventory = storage_->getInventory();
-        auto next = queryRunner_->getNextTask(inventory.entries(), lastRanTask_, lastFailedTask_);
-        while (next && triedAndKept_.contains(next->taskPersistedId)) {
-            lastRanTask_ = next;
-            next = queryRunner_->getNextTask(inventory.entries(), lastRanTask_, lastFailedTask_);
+        const auto& entries = inventory.entries();
+        auto next = queryRunner_->getNextTask(entries, lastRanTask_, lastFailedTask_);
+        if (next && triedAndKept_.contains(next->taskPersistedId)) {
+            // A task tried already lies ahead (the task last run is gone, or the list names one
+            // task twice): every task before the one last run has been tried or waits for its
+            // group, so the next is the first of those not tried.
+            std::vector<QueueTaskMetadata> untried;
+            std::ranges::copy_if(entries, std::back_inserter(untried), [this](const auto& entry) {
+                return !triedAndKept_.contains(entry.taskPersistedId);
+            });
+            next = queryRunner_->getNextTask(untried, std::nullopt, lastFailedTask_);
         }
         if (next) logger_->debug("queue tasks left to run: " + std::to_string(inventory.size()));
         return next;
@@ -140,7 +149,7 @@ private:
         logger_->debug("queue task " + id + " ran successfully");
         logger_->debug("queue deleting task " + id);
         lastFailedTask_.reset();
-        leftBehind(entry, storage_->deleteTask(task.storageId));
+        leftBehind(entry, storage_->deleteTask(entry.taskPersistedId));
     }
 
     void handleFailure(const QueueTask& task, const QueueTaskMetadata& entry,
@@ -153,7 +162,7 @@ private:
                 return;
             case HttpRequestError::Kind::badRequest400:
                 lastFailedTask_ = entry;
-                leftBehind(entry, deleteRejectedTask(task, error));
+                leftBehind(entry, deleteRejectedTask(task, entry, error));
                 return;
             case HttpRequestError::Kind::urlConstruction:
             case HttpRequestError::Kind::unsuccessfulStatusCode:
@@ -161,7 +170,7 @@ private:
             case HttpRequestError::Kind::noRequestMade:
             case HttpRequestError::Kind::unauthorized:
             case HttpRequestError::Kind::cancelled:
-                countFailedRun(task, id);
+                countFailedRun(task, entry, id);
                 break;
         }
         lastFailedTask_ = entry;
@@ -176,24 +185,28 @@ private:
         finish();
     }
 
-    // The service will answer the same request the same way every time.
-    bool deleteRejectedTask(const QueueTask& task, const HttpRequestError& error) {
+    // The service will answer the same request the same way every time. Tasks are deleted and
+    // updated under the id of their entry, the name their file was read under, whatever the
+    // storage_id inside the file says.
+    bool deleteRejectedTask(const QueueTask& task, const QueueTaskMetadata& entry,
+                            const HttpRequestError& error) {
         logger_->error("Received HTTP 400 response while trying to " + task.type +
                        ". 400 responses never succeed and therefore, the SDK is deleting this "
                        "SDK request and not retry. Error message from API: " +
                        error.apiMessage() + ", request data sent: " +
                        std::to_string(task.data.size()) + " bytes");
-        return storage_->deleteTask(task.storageId);
+        return storage_->deleteTask(entry.taskPersistedId);
     }
 
-    void countFailedRun(const QueueTask& task, const std::string& id) {
+    void countFailedRun(const QueueTask& task, const QueueTaskMetadata& entry,
+                        const std::string& id) {
         const QueueTaskRunResults previous = task.runResults;
         // Saturated: a task file may hold any count, and one more than the largest has no value.
         const bool atMost = previous.totalRuns == std::numeric_limits<std::int64_t>::max();
         const QueueTaskRunResults updated{atMost ? previous.totalRuns : previous.totalRuns + 1};
         logger_->debug("queue task " + id + " updating run history\nfrom: " +
                        previous.description() + " to: " + updated.description());
-        storage_->update(task.storageId, updated);
+        storage_->update(entry.taskPersistedId, updated);
     }
 
     // Ends the run and gives the queue back to other processes. Everybody waiting is told on

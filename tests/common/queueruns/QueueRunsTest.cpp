@@ -318,6 +318,25 @@ TEST_F(QueueRunsTest, ListedTasksWhoseFilesCannotBeReadAreDroppedAndTheRunGoesOn
     EXPECT_EQ(server.receivedDeliveryIds(), (Ids{"sent", "next"}));
 }
 
+// Found by fuzzing: an inventory that lists one failing task twice, whose file names another
+// storage id, made the run look for its next task for good. Tasks are updated and deleted under
+// the id they were listed and read under.
+TEST_F(QueueRunsTest, AListThatNamesAFailingTaskTwiceEndsItsRun) {
+    addDelivery("twice");
+    const auto id = inventoryIds().at(0);
+    const auto queue = *testEnv.env().applicationSupportDirectory() / "dev.tern" / siteId / "queue";
+    auto inventory = nlohmann::json::parse(std::ifstream(queue / "inventory.json"));
+    inventory.push_back(inventory[0]);
+    std::ofstream(queue / "inventory.json") << inventory.dump();
+    auto task = nlohmann::json::parse(std::ifstream(queue / "tasks" / (id + ".json")));
+    task["storage_id"] = "another";
+    std::ofstream(queue / "tasks" / (id + ".json")) << task.dump();
+    server.respond([](const std::string&) { return 404; });
+    ASSERT_TRUE(runQueue());
+    EXPECT_EQ(server.receivedDeliveryIds(), (Ids{"twice"}));
+    EXPECT_EQ(totalRunsOf(id), 1);
+}
+
 // One run at a time works through a queue, across processes: the lease is a lock file, and a
 // second graph of the site stands for another process here. A run that finds the queue taken
 // ends at once, calling its callbacks; the run under way sends what it added.
