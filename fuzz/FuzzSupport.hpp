@@ -13,6 +13,7 @@
 
 #include "Common/util/Logger.hpp"
 #include "platform/Bytes.hpp"
+#include "platform/UrlSession.hpp"
 #include "platform/linux/LinuxEnv.hpp"
 
 namespace vontu::fuzz {
@@ -27,6 +28,19 @@ public:
     void debug(const std::string&) override {}
     void info(const std::string&) override {}
     void error(const std::string&) override {}
+};
+
+// A URL session whose tasks the subclass answers at once: nothing to cancel or invalidate.
+class AnsweringSessionBase : public platform::UrlSession {
+public:
+    void finishTasksAndInvalidate() override {}
+    void invalidateAndCancel() override {}
+
+protected:
+    struct DoneTask final : platform::UrlSessionTask {
+        void cancel() override {}
+    };
+    static std::shared_ptr<platform::UrlSessionTask> finishedTask() { return std::make_shared<DoneTask>(); }
 };
 
 // Stops the run when an invariant does not hold.

@@ -59,7 +59,7 @@ private:
 
 // Every request gets the input's answer with status 200, on a thread of its own as a session's
 // completions come; downloads fail.
-class AnsweringSession final : public UrlSession {
+class AnsweringSession final : public vontu::fuzz::AnsweringSessionBase {
 public:
     explicit AnsweringSession(Bytes answer) : answer_(std::move(answer)) {}
     std::shared_ptr<UrlSessionTask> dataTask(UrlRequest request, DataTaskCompletion done) override {
@@ -67,21 +67,15 @@ public:
         std::thread([answer = answer_, response, done = std::move(done)] {
             done(answer, response, std::nullopt);
         }).detach();
-        return std::make_shared<NoTask>();
+        return finishedTask();
     }
     std::shared_ptr<UrlSessionTask> downloadTask(UrlRequest, DownloadTaskCompletion done) override {
         std::thread([done = std::move(done)] {
             done(std::nullopt, std::nullopt, UrlError{UrlError::Code::cannotConnect, "no network"});
         }).detach();
-        return std::make_shared<NoTask>();
+        return finishedTask();
     }
-    void finishTasksAndInvalidate() override {}
-    void invalidateAndCancel() override {}
-
 private:
-    struct NoTask final : UrlSessionTask {
-        void cancel() override {}
-    };
     Bytes answer_;
 };
 

@@ -15,28 +15,22 @@ namespace fs = std::filesystem;
 using namespace vontu::platform;
 
 // Answers every download with the input's response, its body in a file of the session's.
-class AnsweringSession final : public UrlSession {
+class AnsweringSession final : public vontu::fuzz::AnsweringSessionBase {
 public:
     AnsweringSession(HttpUrlResponse response, std::string body, fs::path scratch)
         : response_(std::move(response)), body_(std::move(body)), scratch_(std::move(scratch)) {}
     std::shared_ptr<UrlSessionTask> dataTask(UrlRequest, DataTaskCompletion done) override {
         done(std::nullopt, std::nullopt, UrlError{UrlError::Code::other, "no data tasks"});
-        return std::make_shared<NoTask>();
+        return finishedTask();
     }
     std::shared_ptr<UrlSessionTask> downloadTask(UrlRequest, DownloadTaskCompletion done) override {
         std::ofstream(scratch_, std::ios::binary) << body_;
         done(scratch_, response_, std::nullopt);
         std::error_code ignored;
         fs::remove(scratch_, ignored);  // the session's file, unless the completion took it
-        return std::make_shared<NoTask>();
+        return finishedTask();
     }
-    void finishTasksAndInvalidate() override {}
-    void invalidateAndCancel() override {}
-
 private:
-    struct NoTask final : UrlSessionTask {
-        void cancel() override {}
-    };
     HttpUrlResponse response_;
     std::string body_;
     fs::path scratch_;
