@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <functional>
 #include <string>
 #include <system_error>
 
@@ -14,7 +15,9 @@ namespace vontu::testing {
 // or directory creation) after arm() fails with EIO or ENOSPC, or is a short write (part of the
 // contents reaches a scratch file beside the target, which keeps what it had, and the call
 // fails with ENOSPC, as a write that ran out of room does). Every other call goes through.
-// Installed as the process's Env for the life of the object.
+// Installed as the process's Env for the life of the object. afterChange, when set, runs after
+// every changing call that succeeded (a test takes its snapshots there, to stand for a power
+// cut after any of them).
 class FaultInjectingEnv final : public platform::EnvWrapper {
 public:
     enum class Fault { eio, enospc, shortWrite };
@@ -33,35 +36,42 @@ public:
     }
     int changingCalls() const { return calls_; }
     bool fired() const { return fired_; }
+    std::function<void()> afterChange;
 
     std::expected<void, platform::FileError> writeFile(const std::filesystem::path& p,
                                                        const platform::Bytes& c) override {
         if (failNow()) return std::unexpected(injected(p, c));
-        return target().writeFile(p, c);
+        return changed(target().writeFile(p, c));
     }
     std::expected<std::shared_ptr<const platform::FilePin>, platform::FileError> rewriteFile(
         const std::filesystem::path& p, const platform::Bytes& c) override {
         if (failNow()) return std::unexpected(injected(p, c));
-        return target().rewriteFile(p, c);
+        return changed(target().rewriteFile(p, c));
     }
     std::expected<void, platform::FileError> moveItem(const std::filesystem::path& f,
                                                       const std::filesystem::path& t) override {
         if (failNow()) return std::unexpected(injected(t, {}));
-        return target().moveItem(f, t);
+        return changed(target().moveItem(f, t));
     }
     std::expected<void, platform::FileError> removeItem(const std::filesystem::path& p) override {
         if (failNow()) return std::unexpected(injected(p, {}));
-        return target().removeItem(p);
+        return changed(target().removeItem(p));
     }
     std::expected<void, platform::FileError> createDirectories(
         const std::filesystem::path& p) override {
         // Directories that are there already cost no change, and are not counted.
         if (target().fileExists(p)) return target().createDirectories(p);
         if (failNow()) return std::unexpected(injected(p, {}));
-        return target().createDirectories(p);
+        return changed(target().createDirectories(p));
     }
 
 private:
+    template <class Result>
+    Result changed(Result result) {
+        if (result && afterChange) afterChange();
+        return result;
+    }
+
     bool failNow() {
         const int call = ++calls_;
         if (call != failAt_) return false;

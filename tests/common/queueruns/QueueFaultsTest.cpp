@@ -1,8 +1,8 @@
 // The queue against a platform whose file operations fail: every changing call of a small
 // scenario (add three tasks, run the queue, delete expired tasks) is made to fail in turn, with
-// EIO, with ENOSPC and as a short write. After each, the inventory still reads, no task the
-// queue acknowledged is lost (a later run sends it if this one did not), and no run sends a
-// task twice.
+// EIO, with ENOSPC and as a short write, and a power cut is played after each. After each, the
+// inventory still reads, no task the queue acknowledged or lists is lost (a later run sends it
+// if this one did not), and no run sends a task twice.
 
 #include <chrono>
 #include <filesystem>
@@ -21,6 +21,7 @@
 #include "tests/common/RecordingLogger.hpp"
 #include "tests/support/FaultInjectingEnv.hpp"
 #include "tests/support/LoopbackServer.hpp"
+#include "tests/support/TempDir.hpp"
 #include "tests/support/TestEnv.hpp"
 
 namespace tern::testing {
@@ -74,13 +75,21 @@ public:
         return sent_;
     }
 
+    std::filesystem::path queueDirectory() {
+        return *host_.env().applicationSupportDirectory() / "dev.tern" / siteId / "queue";
+    }
+
     // The inventory file is missing or a JSON array: never half written.
-    bool inventoryReads() {
-        const auto file = *host_.env().applicationSupportDirectory() / "dev.tern" / siteId /
-                          "queue" / "inventory.json";
-        if (!std::filesystem::exists(file)) return true;
-        std::ifstream in(file);
-        return nlohmann::json::parse(in, nullptr, false).is_array();
+    bool inventoryReads() { return listedCount().has_value(); }
+
+    // How many tasks the inventory file lists (0 when there is none); absent when it is no
+    // JSON array.
+    std::optional<int> listedCount() {
+        std::ifstream in(queueDirectory() / "inventory.json");
+        if (!in) return 0;
+        const auto inventory = nlohmann::json::parse(in, nullptr, false);
+        if (!inventory.is_array()) return std::nullopt;
+        return static_cast<int>(inventory.size());
     }
 
 private:
@@ -128,6 +137,43 @@ TEST(QueueFaults, NoFailedFileOperationLosesAnAcknowledgedTaskOrSendsOneTwiceInA
             for (const auto& id : *acknowledged) EXPECT_TRUE(sent.contains(id)) << id << " lost";
             EXPECT_NE(vontu::platform::Env::current().defaultsSuite("fault-walk"), nullptr);
         }
+    }
+}
+
+// A power cut may undo the last changes, but it never makes a file torn (each is replaced
+// whole) nor keeps a later replacement without an earlier one (the file system commits them in
+// order): it leaves the queue as it was after some number of its changing calls. From each
+// such state the queue reads, and a run sends every task it lists once and ends.
+TEST(QueueFaults, AfterAPowerCutAtAnyCallTheQueueReadsAndSendsWhatItListsOnce) {
+    namespace fs = std::filesystem;
+    vontu::testing::TempDir snapshots;
+    int taken = 0;
+    {
+        Scenario clean;
+        clean.env().afterChange = [&] {
+            fs::copy(clean.queueDirectory(), snapshots.path() / std::to_string(++taken),
+                     fs::copy_options::recursive);
+        };
+        ASSERT_TRUE(clean.play().has_value());
+        clean.env().afterChange = nullptr;
+    }
+    ASSERT_GT(taken, 6);
+    for (int state = 1; state <= taken; ++state) {
+        SCOPED_TRACE("power cut after change " + std::to_string(state));
+        Scenario after;
+        fs::create_directories(after.queueDirectory().parent_path());
+        fs::copy(snapshots.path() / std::to_string(state), after.queueDirectory(),
+                 fs::copy_options::recursive);
+        const auto listed = after.listedCount();
+        ASSERT_TRUE(listed.has_value());
+        ASSERT_TRUE(after.runQueue());
+        int sent = 0;
+        for (const auto& [id, times] : after.sent()) {
+            EXPECT_EQ(times, 1) << id;
+            sent += times;
+        }
+        EXPECT_EQ(sent, *listed);
+        EXPECT_EQ(after.listedCount(), 0);
     }
 }
 
