@@ -20,6 +20,7 @@
 
 #include "platform/ImageCanvas.hpp"
 #include "platform/linux/DrawingLoader.hpp"
+#include "platform/linux/PangoFontOptions.hpp"
 
 namespace vontu::platform::linux_host {
 
@@ -127,14 +128,7 @@ PangoContextPtr makeContext(cairo_t* cr, PangoFontMap* map) {
     PangoContextPtr pango(pango_font_map_create_context(map));
     if (!pango) return nullptr;
     pango_cairo_update_context(cr, pango.get());
-    // Unhinted metrics keep line heights and glyph advances at their design values, as UIKit
-    // reports them, rather than rounded to whole pixels.
-    std::unique_ptr<cairo_font_options_t, decltype(&cairo_font_options_destroy)> options(
-        cairo_font_options_create(), &cairo_font_options_destroy);
-    cairo_font_options_set_hint_metrics(options.get(), CAIRO_HINT_METRICS_OFF);
-    // Grey-scale edges: sub-pixel colour fringes would be wrong in a picture shown at any size.
-    cairo_font_options_set_antialias(options.get(), CAIRO_ANTIALIAS_GRAY);
-    pango_cairo_context_set_font_options(pango.get(), options.get());
+    useDesignMetricsAndGreyEdges(pango.get());
     return pango;
 }
 

@@ -16,6 +16,7 @@
 
 #include "platform/NotificationPreview.hpp"
 #include "platform/linux/DrawingLoader.hpp"
+#include "platform/linux/PangoFontOptions.hpp"
 
 namespace vontu::platform::linux_host {
 
@@ -219,12 +220,7 @@ void drawThumbnail(cairo_t* cr, const Palette& palette, const Bytes& encoded, do
 PangoContextPtr makePangoContext() {
     PangoContextPtr pango(pango_font_map_create_context(pango_cairo_font_map_get_default()));
     if (!pango) return nullptr;
-    // Unhinted metrics: the layout measured in points is the one drawn at twice the size.
-    std::unique_ptr<cairo_font_options_t, decltype(&cairo_font_options_destroy)> options(
-        cairo_font_options_create(), &cairo_font_options_destroy);
-    cairo_font_options_set_hint_metrics(options.get(), CAIRO_HINT_METRICS_OFF);
-    cairo_font_options_set_antialias(options.get(), CAIRO_ANTIALIAS_GRAY);
-    pango_cairo_context_set_font_options(pango.get(), options.get());
+    useDesignMetricsAndGreyEdges(pango.get());
     return pango;
 }
 
